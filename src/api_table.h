@@ -1,0 +1,48 @@
+// The module's entry: the API table the web API server dispatches by, the
+// API error codes, and the translation of relay library results into them.
+#pragma once
+
+#include <orvo/relayd.h>
+#include <orvo/webapi.h>
+
+#include <cstdint>
+
+#define FARLINK_EXPORT __attribute__((visibility("default")))
+
+// API error codes. kApiSuccess is the module's own success value: helpers and
+// the maps return it, handlers compare against it, and it is never sent as an
+// error.
+constexpr int kApiErrFailed = 2900;
+constexpr int kApiErrInvalidParam = 2901;
+constexpr int kApiErrNetwork = 2902;
+constexpr int kApiErrRelay2903 = 2903;
+constexpr int kApiErrAlias2904 = 2904;
+constexpr int kApiErrRelay2905 = 2905;
+constexpr int kApiErrAlias2906 = 2906;
+constexpr int kApiErrDnsCheck = 2907;
+constexpr int kApiSuccess = 2908;
+constexpr int kApiErrAccountKey = 2909;
+constexpr int kApiErrViolation = 2910;
+constexpr int kApiErrNotAvailable = 2911;
+
+// One translation pair; a pair whose `from` is kErrorMapEnd ends a map.
+struct ErrorCodePair {
+    std::int32_t from;
+    std::int32_t to;
+};
+static_assert(sizeof(ErrorCodePair) == 8, "map pairs are two 32-bit integers");
+constexpr std::int32_t kErrorMapEnd = 255;
+
+extern "C" {
+FARLINK_EXPORT extern const ORVO::APITableEntry grgTable[];
+FARLINK_EXPORT extern const ErrorCodePair grgRelayErrorCodeMap[18];
+FARLINK_EXPORT extern const ErrorCodePair grgAliasErrorCodeMap[15];
+FARLINK_EXPORT const ORVO::APITableEntry* GetAPITable();
+}
+
+int MapRelayErrorCode(ORVO::Relay::RELAYD_RET ret);
+int MapAliasErrorCode(ORVO::Relay::ALIAS_RET ret);
+
+// Handlers, one per table row.
+FARLINK_EXPORT void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
