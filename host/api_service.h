@@ -1,0 +1,48 @@
+// The two web API endpoints, free of HTTP: login, and the call of a module
+// handler with the envelope built from its answer.
+#pragma once
+
+#include <json/value.h>
+
+#include <set>
+#include <string>
+
+#include "api_table.h"
+#include "host_errors.h"
+#include "request_params.h"
+#include "sessions.h"
+
+namespace farlink::host {
+
+struct ApiReply {
+    Json::Value envelope;
+    std::string call = "-";  // "api/version/method", for the access log
+    std::string result;      // "ok" or "error=N"
+    int answers = 0;         // how often the handler answered
+    std::string newSession;  // set by a successful login
+};
+
+class ApiService {
+public:
+    // Parameters each endpoint reads itself rather than passing on.
+    static const std::set<std::string> kLoginNames;
+    static const std::set<std::string> kCallNames;
+    static constexpr char kAdminAccount[] = "admin";
+
+    ApiService(const ApiTable& table, SessionStore& sessions, std::string adminPassword)
+        : table_(table), sessions_(sessions), adminPassword_(std::move(adminPassword)) {}
+
+    ApiReply Login(const RequestParams& request);
+    ApiReply Call(const RequestParams& request, const std::string& cookieSession);
+
+    static ApiReply Failure(HostError error);
+
+private:
+    bool PasswordMatches(const std::string& given) const;
+
+    const ApiTable& table_;
+    SessionStore& sessions_;
+    const std::string adminPassword_;
+};
+
+}  // namespace farlink::host

@@ -1,0 +1,23 @@
+// Error codes the server itself answers with. They sit outside the module's
+// own range (2900-2911) so that a client can always tell who refused.
+#pragma once
+
+namespace farlink::host {
+
+enum class HostError : int {
+    kUnknown = 100,
+    kMalformedRequest = 101,
+    kUnknownApi = 102,
+    kUnknownMethod = 103,
+    kUnsupportedVersion = 104,
+    kNotLoggedIn = 105,
+    kNoAnswer = 106,
+    kRequestTooLarge = 107,
+    kMethodNotAllowed = 108,
+    kNoSuchEndpoint = 109,
+    kBadLogin = 400,
+};
+
+constexpr int CodeOf(HostError error) { return static_cast<int>(error); }
+
+}  // namespace farlink::host

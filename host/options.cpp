@@ -1,0 +1,124 @@
+#include "options.h"
+
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+
+#include "startup_error.h"
+
+namespace farlink::host {
+
+namespace {
+
+// Bodies are held in memory whole; more than this is no longer an API call.
+constexpr unsigned long long kMaxBodyLimit = 1ull << 30;
+
+unsigned long long ParseNumber(const std::string& option, const std::string& text,
+                               unsigned long long min, unsigned long long max) {
+    bool digitsOnly = !text.empty() && text.size() <= 20 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+    unsigned long long value = 0;
+    if (digitsOnly) {
+        try {
+            value = std::stoull(text);
+        } catch (const std::out_of_range&) {
+            digitsOnly = false;
+        }
+    }
+    if (!digitsOnly || value < min || value > max) {
+        throw StartupError(option + " wants a number from " + std::to_string(min) + " to " +
+                           std::to_string(max) + ", not '" + text + "'");
+    }
+    return value;
+}
+
+std::string ReadFirstLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    if (!file || !std::getline(file, line)) {
+        throw StartupError("cannot read the password file " + path);
+    }
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+}
+
+struct PasswordSources {
+    std::optional<std::string> file;
+    std::optional<std::string> literal;
+};
+
+void ResolvePassword(const PasswordSources& sources, Options& options) {
+    if (sources.file && sources.literal) {
+        throw StartupError("give either --password-file or --password, not both");
+    }
+    if (sources.file) options.password = ReadFirstLine(*sources.file);
+    if (sources.literal) options.password = *sources.literal;
+    if (options.password.empty()) {
+        throw StartupError("no admin password: give --password-file or --password");
+    }
+}
+
+void CheckRequired(const Options& options) {
+    if (options.modulePath.empty()) throw StartupError("--module is required");
+    if (options.listenAddress && options.listenFd) {
+        throw StartupError("give either --listen or --listen-fd, not both");
+    }
+    if (!options.listenAddress && !options.listenFd) {
+        throw StartupError("--listen or --listen-fd is required");
+    }
+}
+
+}  // namespace
+
+Options ParseOptions(const std::vector<std::string>& args) {
+    Options options;
+    PasswordSources passwords;
+    using Setter = std::function<void(const std::string& option, const std::string& value)>;
+    const std::map<std::string, Setter> setters = {
+        {"--module", [&](auto&, auto& v) { options.modulePath = v; }},
+        {"--listen", [&](auto&, auto& v) { options.listenAddress = v; }},
+        {"--listen-fd",
+         [&](auto& o, auto& v) {
+             options.listenFd =
+                 static_cast<int>(ParseNumber(o, v, 0, std::numeric_limits<int>::max()));
+         }},
+        {"--user", [&](auto&, auto& v) { options.user = v; }},
+        {"--password-file", [&](auto&, auto& v) { passwords.file = v; }},
+        {"--password", [&](auto&, auto& v) { passwords.literal = v; }},
+        {"--threads",
+         [&](auto& o, auto& v) {
+             options.threads = static_cast<unsigned>(ParseNumber(o, v, 1, 256));
+         }},
+        {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
+        {"--max-body",
+         [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
+        {"--pid-file", [&](auto&, auto& v) { options.pidFile = v; }},
+        {"--request-timeout",
+         [&](auto& o, auto& v) {
+             options.requestTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
+         }},
+    };
+
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string option = args[i];
+        std::optional<std::string> value;
+        if (auto equals = option.find('=');
+            option.rfind("--", 0) == 0 && equals != std::string::npos) {
+            value = option.substr(equals + 1);
+            option.resize(equals);
+        }
+        auto setter = setters.find(option);
+        if (setter == setters.end()) throw StartupError("unknown option '" + option + "'");
+        if (!value) {
+            if (i + 1 == args.size()) throw StartupError(option + " needs a value");
+            value = args[++i];
+        }
+        setter->second(option, *value);
+    }
+    CheckRequired(options);
+    ResolvePassword(passwords, options);
+    return options;
+}
+
+}  // namespace farlink::host

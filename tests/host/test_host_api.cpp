@@ -1,0 +1,287 @@
+// The web API endpoints of one running farlink-host, over real HTTP.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "host_harness.h"
+
+namespace farlink::host::test {
+namespace {
+
+constexpr size_t kMaxBody = 1024;
+
+class HostApi : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        accessLog_ = TempPath("access");
+        host_ = std::make_unique<HostProcess>(std::vector<std::string>{
+            "--module", TEST_MODULE_PATH, "--listen", "127.0.0.1:0", "--password", "s3cret",
+            "--max-body", std::to_string(kMaxBody), "--access-log", accessLog_});
+        ASSERT_TRUE(host_->WaitListening()) << host_->StderrText();
+        HttpResult login = Fetch("GET", Url("/webapi/auth.cgi?account=admin&passwd=s3cret"));
+        sid_ = login.json["data"]["sid"].asString();
+    }
+    static void TearDownTestSuite() {
+        host_.reset();
+        unlink(accessLog_.c_str());
+    }
+
+    static std::string Url(const std::string& pathAndQuery) {
+        return host_->BaseUrl() + pathAndQuery;
+    }
+    static std::string Cookie() { return "id=" + sid_; }
+
+    // GET entry.cgi with the session cookie.
+    static HttpResult Get(const std::vector<std::pair<std::string, std::string>>& params) {
+        return Fetch("GET", Url("/webapi/entry.cgi?" + Query(params)), "", "", Cookie());
+    }
+    static HttpResult Post(const std::string& contentType, const std::string& body,
+                           const std::string& query = "") {
+        return Fetch("POST", Url("/webapi/entry.cgi" + query), contentType, body, Cookie());
+    }
+    static HttpResult Call(const std::string& method) {
+        return Get({{"api", "Test.Host"}, {"version", "1"}, {"method", method}});
+    }
+
+    static std::unique_ptr<HostProcess> host_;
+    static std::string accessLog_;
+    static std::string sid_;
+};
+
+std::unique_ptr<HostProcess> HostApi::host_;
+std::string HostApi::accessLog_;
+std::string HostApi::sid_;
+
+Json::Value ErrorEnvelope(int code) {
+    Json::Value envelope;
+    envelope["success"] = false;
+    envelope["error"]["code"] = code;
+    return envelope;
+}
+
+TEST_F(HostApi, LoginGivesASessionThatEntryRequires) {
+    EXPECT_EQ(sid_.size(), 32u);
+    EXPECT_EQ(sid_.find_first_not_of("0123456789abcdef"), std::string::npos) << sid_;
+
+    HttpResult login = Fetch("POST", Url("/webapi/auth.cgi"), "application/x-www-form-urlencoded",
+                             "account=admin&passwd=s3cret");
+    const std::string other = login.json["data"]["sid"].asString();
+    EXPECT_EQ(login.setCookie, "id=" + other + "; HttpOnly; Path=/");
+    EXPECT_NE(other, sid_);
+
+    for (const std::string query : {"account=admin&passwd=wrong", "account=root&passwd=s3cret",
+                                    "account=admin", "passwd=s3cret&account=admin%20"}) {
+        SCOPED_TRACE(query);
+        HttpResult refused = Fetch("GET", Url("/webapi/auth.cgi?" + query));
+        EXPECT_EQ(refused.status, 200);
+        EXPECT_EQ(refused.json, ErrorEnvelope(400));
+        EXPECT_EQ(refused.setCookie, "");
+    }
+
+    const std::string echo = "/webapi/entry.cgi?api=Test.Echo&version=1&method=echo";
+    EXPECT_EQ(Fetch("GET", Url(echo)).json, ErrorEnvelope(105));
+    EXPECT_EQ(Fetch("GET", Url(echo), "", "", "id=0123456789abcdef0123456789abcdef").json,
+              ErrorEnvelope(105));
+    EXPECT_EQ(Fetch("GET", Url(echo), "", "", "lang=en; id=" + other + "; x=1").json["success"],
+              true);
+    // _sid stands in for the cookie and is not a handler parameter.
+    HttpResult bySid = Fetch("GET", Url(echo + "&_sid=" + other + "&x=1"));
+    Json::Value onlyX;
+    onlyX["x"] = 1;
+    EXPECT_EQ(bySid.json["data"]["params"], onlyX);
+}
+
+TEST_F(HostApi, ParameterTextThatIsJsonArrivesAsThatValue) {
+    HttpResult echo = Get({{"api", "Test.Echo"},
+                           {"version", "1"},
+                           {"method", "echo"},
+                           {"flag", "true"},
+                           {"count", "12"},
+                           {"quoted", "\"x\""},
+                           {"object", R"({"a":1})"},
+                           {"list", "[1]"},
+                           {"nothing", "null"},
+                           {"word", "abc"},
+                           {"almost", "12abc"},
+                           {"two", "1 2"},
+                           {"empty", ""},
+                           {"single", "{'a':1}"},
+                           {"deep", std::string(2000, '[')}});
+    const Json::Value& params = echo.json["data"]["params"];
+    EXPECT_EQ(params["flag"], true);
+    EXPECT_EQ(params["count"], 12);
+    EXPECT_EQ(params["quoted"], "x");
+    EXPECT_EQ(params["object"]["a"], 1);
+    ASSERT_TRUE(params["list"].isArray());
+    EXPECT_EQ(params["list"][0], 1);
+    EXPECT_TRUE(params.isMember("nothing"));
+    EXPECT_TRUE(params["nothing"].isNull());
+    EXPECT_EQ(params["word"], "abc");
+    EXPECT_EQ(params["almost"], "12abc");
+    EXPECT_EQ(params["two"], "1 2");
+    EXPECT_EQ(params["empty"], "");
+    EXPECT_EQ(params["single"], "{'a':1}");
+    EXPECT_EQ(params["deep"], std::string(2000, '['));
+    for (const char* own : {"api", "version", "method", "_sid"}) EXPECT_FALSE(params.isMember(own));
+}
+
+TEST_F(HostApi, GetFormAndJsonBodiesReachTheHandlerAlike) {
+    Json::Value expected;
+    expected["api"] = "Test.Echo";
+    expected["version"] = 2;
+    expected["method"] = "echo";
+    expected["params"]["enabled"] = true;
+    expected["params"]["name"] = "a b";
+
+    EXPECT_EQ(Get({{"api", "Test.Echo"},
+                   {"version", "2"},
+                   {"method", "echo"},
+                   {"enabled", "true"},
+                   {"name", "a b"}})
+                  .json["data"],
+              expected);
+    EXPECT_EQ(Post("application/x-www-form-urlencoded",
+                   "api=Test.Echo&version=2&method=echo&enabled=true&name=a+b")
+                  .json["data"],
+              expected);
+    EXPECT_EQ(Post("application/json; charset=utf-8",
+                   R"({"api":"Test.Echo","version":2,"method":"echo","enabled":true,"name":"a b"})")
+                  .json["data"],
+              expected);
+    EXPECT_EQ(Post("application/json", R"({"enabled":true,"name":"a b"})",
+                   "?api=Test.Echo&version=2&method=echo")
+                  .json["data"],
+              expected);
+    // A JSON body says what type it means: its strings stay strings.
+    HttpResult typed = Post("application/json",
+                            R"({"api":"Test.Echo","version":"1","method":"echo","flag":"true"})");
+    EXPECT_EQ(typed.json["data"]["params"]["flag"], "true");
+    // The body wins over the query string.
+    HttpResult both = Post("application/x-www-form-urlencoded", "name=body",
+                           "?api=Test.Echo&version=1&method=echo&name=query");
+    EXPECT_EQ(both.json["data"]["params"]["name"], "body");
+}
+
+TEST_F(HostApi, HandlerAnswersBecomeEnvelopes) {
+    EXPECT_EQ(Call("fail").body, R"({"error":{"code":2901},"success":false})");
+    EXPECT_EQ(Call("succeed_empty").body, R"({"success":true})");
+    EXPECT_EQ(Call("answer_twice").body, R"({"data":{"first":true},"success":true})");
+    EXPECT_EQ(Call("answer_nothing").json, ErrorEnvelope(106));
+    EXPECT_EQ(Call("throw").json, ErrorEnvelope(100));
+}
+
+TEST_F(HostApi, RequestsTheModuleCannotServeGetHostErrors) {
+    using Params = std::vector<std::pair<std::string, std::string>>;
+    const std::vector<std::pair<Params, int>> cases = {
+        {{{"version", "1"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Echo"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Echo"}, {"version", "1"}}, 101},
+        {{{"api", "Test.Echo"}, {"version", "x"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Echo"}, {"version", "0"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Echo"}, {"version", "-1"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Echo"}, {"version", "4294967296"}, {"method", "echo"}}, 101},
+        {{{"api", "Test.Nope"}, {"version", "1"}, {"method", "echo"}}, 102},
+        {{{"api", "Test.Echo"}, {"version", "1"}, {"method", "nope"}}, 103},
+        {{{"api", "Test.Host"}, {"version", "1"}, {"method", "echo"}}, 103},
+        {{{"api", "Test.Echo"}, {"version", "3"}, {"method", "echo"}}, 104},
+    };
+    for (const auto& [params, code] : cases) {
+        SCOPED_TRACE(Query(params));
+        HttpResult result = Get(params);
+        EXPECT_EQ(result.status, 200);
+        EXPECT_EQ(result.json, ErrorEnvelope(code));
+    }
+    const std::vector<std::pair<std::string, std::string>> badBodies = {
+        {"application/json", "{\"api\":"},
+        {"application/json", "[\"api\"]"},
+        {"application/json", R"({"api":"Test.Echo","version":1.5,"method":"echo"})"},
+        {"application/json", R"({"api":["Test.Echo"],"version":1,"method":"echo"})"},
+        {"text/plain", "api=Test.Echo"},
+        {"application/json", "{\"a\":" + std::string(600, '[')},
+        {"application/x-www-form-urlencoded", "api=Test.Echo&version=1&method=echo&x=%zz"},
+    };
+    for (const auto& [type, body] : badBodies) {
+        SCOPED_TRACE(body);
+        EXPECT_EQ(Post(type, body).json, ErrorEnvelope(101));
+    }
+}
+
+TEST_F(HostApi, PathsMethodsAndSizesOutsideTheApiGetHttpStatuses) {
+    HttpResult unknownPath = Fetch("GET", Url("/webapi/other.cgi"), "", "", Cookie());
+    EXPECT_EQ(unknownPath.status, 404);
+    EXPECT_EQ(unknownPath.json, ErrorEnvelope(109));
+
+    HttpResult put = Fetch("PUT", Url("/webapi/entry.cgi"), "", "", Cookie());
+    EXPECT_EQ(put.status, 405);
+    EXPECT_EQ(put.json, ErrorEnvelope(108));
+
+    const std::string prefix = "api=Test.Echo&version=1&method=echo&pad=";
+    HttpResult atLimit = Post("application/x-www-form-urlencoded",
+                              prefix + std::string(kMaxBody - prefix.size(), 'a'));
+    EXPECT_EQ(atLimit.json["success"], true) << atLimit.body;
+
+    HttpResult over = Post("application/x-www-form-urlencoded",
+                           prefix + std::string(kMaxBody + 1 - prefix.size(), 'a'));
+    EXPECT_EQ(over.status, 413);
+    EXPECT_EQ(over.json, ErrorEnvelope(107));
+
+    // Far beyond the limit the body is not even read.
+    EXPECT_EQ(Post("application/x-www-form-urlencoded", std::string(1 << 20, 'a')).status, 413);
+    EXPECT_EQ(Call("succeed_empty").json["success"], true) << "server still serving";
+}
+
+TEST_F(HostApi, SlowHandlerDoesNotHoldUpOtherRequests) {
+    const std::string started = TempPath("started");
+    std::atomic<bool> slowDone{false};
+    auto slow = std::async(std::launch::async, [&] {
+        HttpResult result =
+            Get({{"api", "Test.Host"}, {"version", "1"}, {"method", "slow"}, {"started", started}});
+        slowDone = true;
+        return result;
+    });
+    bool running = false;
+    for (int i = 0; i < 500 && !running; ++i) {
+        running = access(started.c_str(), F_OK) == 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(running);
+
+    EXPECT_EQ(Call("succeed_empty").json["success"], true);
+    EXPECT_FALSE(slowDone) << "the quick request waited for the slow one";
+    EXPECT_EQ(slow.get().json["success"], true);
+    unlink(started.c_str());
+}
+
+TEST_F(HostApi, AccessLogHasOneLinePerRequest) {
+    const size_t before = ReadLines(accessLog_).size();
+    Call("fail");
+    Fetch("PUT", Url("/webapi/entry.cgi?x"));
+    std::vector<std::string> lines = ReadLines(accessLog_);
+    ASSERT_EQ(lines.size(), before + 2);
+
+    // TIME CLIENT METHOD PATH STATUS CALL RESULT LATENCY IDS ANSWERS
+    std::istringstream fields(lines[before]);
+    std::vector<std::string> line{std::istream_iterator<std::string>(fields), {}};
+    ASSERT_EQ(line.size(), 10u) << lines[before];
+    EXPECT_EQ(line[0].back(), 'Z');
+    EXPECT_EQ(line[1].rfind("127.0.0.1:", 0), 0u);
+    EXPECT_EQ(line[2], "GET");
+    EXPECT_EQ(line[3], "/webapi/entry.cgi");
+    EXPECT_EQ(line[4], "200");
+    EXPECT_EQ(line[5], "Test.Host/1/fail");
+    EXPECT_EQ(line[6], "error=2901");
+    EXPECT_EQ(line[7].substr(line[7].size() - 2), "us");
+    EXPECT_EQ(line[8], "ids-ok");
+    EXPECT_EQ(line[9], "answers=1");
+    EXPECT_NE(lines[before + 1].find(" PUT /webapi/entry.cgi 405 - error=108 "), std::string::npos)
+        << lines[before + 1];
+}
+
+}  // namespace
+}  // namespace farlink::host::test

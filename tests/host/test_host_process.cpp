@@ -1,0 +1,201 @@
+// farlink-host as a process: what it refuses to start with, the ids it
+// serves with, and how it stops.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <thread>
+
+#include "host_harness.h"
+
+namespace farlink::host::test {
+namespace {
+
+const std::vector<std::string> kListenArgs = {"--listen", "127.0.0.1:0", "--password", "pw"};
+
+std::vector<std::string> WithModule(const std::string& module, std::vector<std::string> more = {}) {
+    std::vector<std::string> args = {"--module", module};
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+std::vector<std::string> Serving(const std::string& module, std::vector<std::string> more = {}) {
+    std::vector<std::string> args = WithModule(module, kListenArgs);
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+void ExpectRefusal(HostProcess& host, const std::string& reason) {
+    EXPECT_FALSE(host.WaitListening());
+    EXPECT_EQ(host.Finish(), 1);
+    std::string text = host.StderrText();
+    EXPECT_NE(text.find(reason), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "one line: " << text;
+    EXPECT_EQ(host.StdoutText(), "");
+}
+
+TEST(HostStartup, RefusesModulesItCannotServe) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"/nonexistent/module.so", "cannot load module"},
+        {BAD_MODULE_NO_GET_API_TABLE, "does not export GetAPITable"},
+        {BAD_MODULE_NULL_TABLE, "returned no table"},
+        {BAD_MODULE_DUPLICATE_ROW, "row 2: Bad.Api version 1 method get is listed twice"},
+        {BAD_MODULE_VERSION_UPPER_BITS, "row 2: version 4294967297"},
+        {BAD_MODULE_VERSION_ZERO, "row 2: version 0"},
+        {BAD_MODULE_NULL_HANDLER, "row 2: handler is null"},
+        {BAD_MODULE_TOO_MANY_ROWS, "no end within 1024 rows"},
+    };
+    for (const auto& [module, reason] : cases) {
+        SCOPED_TRACE(module);
+        HostProcess host(Serving(module));
+        ExpectRefusal(host, reason);
+    }
+}
+
+TEST(HostStartup, RefusesBadOptions) {
+    const std::string module = TEST_MODULE_PATH;
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--listen", "127.0.0.1:0", "--password", "pw"}, "--module is required"},
+        {WithModule(module, {"--password", "pw"}), "--listen or --listen-fd is required"},
+        {WithModule(module, {"--listen", "127.0.0.1", "--password", "pw"}),
+         "--listen wants ADDR:PORT"},
+        {WithModule(module, {"--listen", "127.0.0.1:0"}), "no admin password"},
+        {Serving(module, {"--threads", "0"}), "--threads wants a number"},
+        {Serving(module, {"--max-body", "12k"}), "--max-body wants a number"},
+        {Serving(module, {"--bogus"}), "unknown option '--bogus'"},
+        {Serving(module, {"--threads"}), "--threads needs a value"},
+        {Serving(module, {"--user", "no-such-user"}), "no such user 'no-such-user'"},
+        {Serving(module, {"--user", "root"}), "is root"},
+        {WithModule(module, {"--listen", "127.0.0.1:0", "--password-file", "/nonexistent"}),
+         "cannot read the password file"},
+        {WithModule(module, {"--listen-fd", "200", "--password", "pw"}), "is not a socket"},
+    };
+    for (const auto& [args, reason] : cases) {
+        SCOPED_TRACE(reason);
+        HostProcess host(args);
+        ExpectRefusal(host, reason);
+    }
+}
+
+TEST(HostStartup, RefusesToStartWithoutRoot) {
+    HostProcess host(Serving(TEST_MODULE_PATH), /*asNobody=*/true);
+    ExpectRefusal(host, "must be started as root");
+}
+
+// The box binds the port in the machine's namespace and hands it over.
+TEST(HostStartup, ServesOnAnInheritedListeningSocket) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(fd, 16), 0);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const std::string expected = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+
+    const std::string passwordPath = TempPath("password");
+    std::ofstream(passwordPath) << "from-file\nignored second line\n";
+    HostProcess host(WithModule(
+        TEST_MODULE_PATH, {"--listen-fd", std::to_string(fd), "--password-file", passwordPath}));
+    close(fd);
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    EXPECT_EQ(host.BaseUrl(), "http://" + expected);
+    HttpResult login =
+        Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=from-file");
+    EXPECT_EQ(login.json["success"], true) << login.body;
+    unlink(passwordPath.c_str());
+}
+
+// "Uid:" / "Gid:" lines: real, effective, saved, filesystem.
+std::string StatusLine(pid_t pid, const std::string& key) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(key, 0) == 0) {
+            std::istringstream fields(line.substr(key.size()));
+            std::string joined, field;
+            while (fields >> field) joined += (joined.empty() ? "" : " ") + field;
+            return joined;
+        }
+    }
+    return "";
+}
+
+TEST(HostPrivileges, ServesWithServiceIdsWhileRealAndSavedStayRoot) {
+    HostProcess host(Serving(TEST_MODULE_PATH));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
+    EXPECT_EQ(StatusLine(host.Pid(), "Gid:"), "0 65534 0 65534");
+    EXPECT_EQ(StatusLine(host.Pid(), "Groups:"), "65534");
+}
+
+TEST(HostPrivileges, LeftOverRootIsRestoredAndReported) {
+    const std::string log = TempPath("access");
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    HttpResult login = Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=pw");
+    const std::string cookie = "id=" + login.json["data"]["sid"].asString();
+    const std::string entry = host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=";
+
+    HttpResult leak = Fetch("GET", entry + "leak_root", "", "", cookie);
+    EXPECT_EQ(leak.json["success"], true) << leak.body;
+    EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
+    Fetch("GET", entry + "succeed_empty", "", "", cookie);
+
+    std::vector<std::string> lines = ReadLines(log);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[1].find(" Test.Host/1/leak_root ok "), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find(" ids-restored "), std::string::npos) << lines[1];
+    EXPECT_NE(lines[2].find(" ids-ok "), std::string::npos) << lines[2];
+    EXPECT_NE(host.StderrText().find("WARNING: a handler left effective ids 0/65534"),
+              std::string::npos)
+        << host.StderrText();
+    unlink(log.c_str());
+}
+
+bool WaitForFile(const std::string& path) {
+    for (int i = 0; i < 500; ++i) {
+        if (access(path.c_str(), F_OK) == 0) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST(HostShutdown, SigtermFinishesTheRequestInFlightThenExitsZero) {
+    const std::string pidFile = TempPath("pid");
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--pid-file", pidFile}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    std::ifstream pidText(pidFile);
+    pid_t written = 0;
+    pidText >> written;
+    EXPECT_EQ(written, host.Pid());
+
+    HttpResult login = Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=pw");
+    const std::string started = TempPath("started");
+    auto slow = std::async(std::launch::async, [&] {
+        return Fetch("GET",
+                     host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=slow&" +
+                         Query({{"started", started}}),
+                     "", "", "id=" + login.json["data"]["sid"].asString());
+    });
+    ASSERT_TRUE(WaitForFile(started));
+    kill(host.Pid(), SIGTERM);
+
+    HttpResult answer = slow.get();
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body, R"({"success":true})");
+    const std::string url = host.BaseUrl();
+    EXPECT_EQ(host.Finish(), 0) << host.StderrText();
+    EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
+    EXPECT_EQ(Fetch("GET", url + "/webapi/auth.cgi").status, 0) << "still accepting";
+    unlink(started.c_str());
+}
+
+}  // namespace
+}  // namespace farlink::host::test
