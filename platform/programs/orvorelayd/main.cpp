@@ -1,0 +1,36 @@
+// Emulated relay daemon of the platform kit. See docs/relay-library.md.
+#include <cstdio>
+#include <cstring>
+
+#include "control.h"
+#include "emulation.h"
+#include "relay_daemon.h"
+
+namespace {
+
+constexpr int kUsageExit = 2;
+
+int Usage() {
+    std::fprintf(stderr,
+                 "usage: orvorelayd --farlink on|off|status\n"
+                 "       orvorelayd --check-failover\n");
+    return kUsageExit;
+}
+
+bool Is(const char* arg, const char* word) { return std::strcmp(arg, word) == 0; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace orvorelayd;
+    if (argc == 2 && Is(argv[1], kRunDaemonFlag)) return RunRelayDaemon();
+    if (argc == 2 && Is(argv[1], "--check-failover")) {
+        return CheckFailover(LoadEmulationControls());
+    }
+    if (argc != 3 || !Is(argv[1], "--farlink")) return Usage();
+    const char* command = argv[2];
+    if (Is(command, "on")) return SwitchOn(LoadEmulationControls());
+    if (Is(command, "off")) return SwitchOff(LoadEmulationControls());
+    if (Is(command, "status")) return PrintStatus(LoadEmulationControls());
+    return Usage();
+}

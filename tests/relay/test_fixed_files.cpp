@@ -1,0 +1,130 @@
+// Library objects whose files live at the box's fixed paths (private root).
+#include <gtest/gtest.h>
+#include <orvo/paths.h>
+#include <orvo/relayd.h>
+#include <unistd.h>
+
+#include "relay_test_support.h"
+
+using namespace ORVO::Relay;
+namespace Paths = ORVO::Paths;
+using relay_test::ReadJson;
+using relay_test::ReadText;
+using relay_test::WriteText;
+
+namespace {
+
+class FixedFiles : public ::testing::Test {
+protected:
+    void SetUp() override { relay_test::ResetRelayFolders(); }
+};
+
+TEST_F(FixedFiles, AuthConfNeedsBothCredentials) {
+    AuthConf auth;
+    Json::Value out;
+    for (const char* text :
+         {R"({"serial": "SN1", "api_key": ""})", R"({"serial": 5, "api_key": "K"})", "{oops"}) {
+        WriteText(Paths::kAuthConf, text);
+        EXPECT_FALSE(auth.ReadConf()) << text;
+        EXPECT_FALSE(auth.Write(out, true)) << text;
+    }
+    WriteText(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
+    ASSERT_TRUE(auth.ReadConf());
+    ASSERT_TRUE(auth.Write(out, true));
+    EXPECT_EQ(out["serial"], "SN1");
+    EXPECT_EQ(out["api_key"], "K1");
+    Json::Value forLog;
+    ASSERT_TRUE(auth.Write(forLog, false));
+    EXPECT_FALSE(forLog.isMember("api_key"));
+}
+
+TEST_F(FixedFiles, AliasStatusKeepsOneRecordPerAlias) {
+    AliasStatus records;
+    std::string status = "unknown", error = "untouched";
+    EXPECT_FALSE(records.GetStatus("box", status, error));
+    EXPECT_EQ(status, "unknown");
+
+    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
+    ASSERT_TRUE(records.SetStatus("other", "failed", "taken", true));
+    ASSERT_TRUE(records.GetStatus("box", status, error));
+    EXPECT_EQ(status, "success");
+    EXPECT_EQ(error, "");
+    ASSERT_TRUE(records.GetStatus("other", status, error));
+    EXPECT_EQ(error, "taken");
+
+    const std::string before = ReadText(Paths::kAliasStatus);
+    EXPECT_TRUE(records.SetStatus("box", "changed", "", false));
+    EXPECT_EQ(ReadText(Paths::kAliasStatus), before);
+
+    WriteText(Paths::kAliasStatus, R"({"box": {"error": "x"}, "bad": 3})");
+    EXPECT_FALSE(records.GetStatus("box", status, error));
+    EXPECT_FALSE(records.GetStatus("bad", status, error));
+    WriteText(Paths::kAliasStatus, "[not json");
+    EXPECT_FALSE(records.GetStatus("box", status, error));
+    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
+    EXPECT_TRUE(records.GetStatus("box", status, error));
+}
+
+TEST_F(FixedFiles, ServicePermissionWritesAndReadsTheDefaultList) {
+    ServicePermission generated(false);
+    ASSERT_TRUE(generated.GenPermissionConf());
+    const Json::Value written = ReadJson(Paths::kServicesConf);
+    ASSERT_TRUE(written.isArray());
+    ASSERT_EQ(written.size(), 6u);
+    for (const auto& entry : written) {
+        EXPECT_TRUE(entry["id"].isString());
+        EXPECT_TRUE(entry["enabled"].isBool());
+    }
+    EXPECT_EQ(ServicePermission(true).GetServices(), written);
+
+    WriteText(Paths::kServicesConf, R"([{"id": "web", "enabled": false}])");
+    EXPECT_EQ(ServicePermission(true).GetServices().size(), 1u);
+    EXPECT_EQ(ServicePermission(false).GetServices(), written) << "without load: the defaults";
+    // A list that is not one stands for the defaults, as a missing file does.
+    WriteText(Paths::kServicesConf, R"({"not": "an array"})");
+    EXPECT_EQ(ServicePermission(true).GetServices(), written);
+}
+
+TEST_F(FixedFiles, SniRefusesImplausibleDomains) {
+    for (const std::string& domain : std::vector<std::string>{
+             "", ".", "a..b", "-a.test", "a-.test", "under_score.test", "sp ace.test",
+             std::string(64, 'a') + ".test", std::string(250, 'a') + ".test"}) {
+        EXPECT_FALSE(Utils::EnableRelaySNI(domain)) << domain;
+    }
+    EXPECT_NE(access(Paths::kSniConf, F_OK), 0);
+
+    ASSERT_TRUE(Utils::EnableRelaySNI("relay.example.test."));
+    EXPECT_EQ(ReadJson(Paths::kSniConf)["enabled"], true);
+    EXPECT_EQ(ReadJson(Paths::kSniConf)["domain"], "relay.example.test.");
+    EXPECT_FALSE(Utils::EnableRelaySNI("bad..name"));
+    EXPECT_EQ(ReadJson(Paths::kSniConf)["domain"], "relay.example.test.");
+
+    ASSERT_TRUE(Utils::DisableRelaySNI());
+    EXPECT_EQ(ReadJson(Paths::kSniConf)["enabled"], false);
+}
+
+TEST_F(FixedFiles, StatusWithoutDaemonReportsNotRunning) {
+    std::string serverId = "stale", status, error = "stale";
+    EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
+    EXPECT_EQ(status, "not_running");
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(serverId, "");
+
+    WriteText(Paths::kRelaydConf, R"({"server_id": "SID-9"})");
+    EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
+    EXPECT_EQ(serverId, "SID-9");
+
+    const relay_test::TempDir dir;
+    WriteText(dir / "alt.conf", R"({"server_id": "SID-ALT"})");
+    EXPECT_TRUE(Daemon::GetStatus(serverId, status, error, (dir / "alt.conf").c_str()));
+    EXPECT_EQ(serverId, "SID-ALT");
+
+    // A pid file naming a process that is not the daemon (this test) is stale.
+    WriteText(Paths::kRelaydPidFile, std::to_string(getpid()) + "\n");
+    WriteText(Paths::kRelaydStatus, R"({"status": "connected"})");
+    EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
+    EXPECT_EQ(status, "not_running");
+    EXPECT_EQ(Daemon::UpdateAlias(), -1);
+}
+
+}  // namespace

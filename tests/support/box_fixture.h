@@ -1,0 +1,121 @@
+// BoxTest: the GoogleTest fixture for test programs that run inside the
+// emulated box (`world/farlink-box -- <test program>`). It talks to the
+// box's web API host, reads the box's system log and drives the emulated
+// platform's state files and the control server.
+//
+// SetUp puts the box back to its initial state before every test: the relay
+// daemon stopped, the relay configuration directory, /etc/orvoinfo.conf,
+// /etc/resolv.conf and the account as the box started, no emulation
+// controls, the control server reset, the platform's request logs empty, and
+// a fresh mark in the system log.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace farlink_test {
+
+// One message of the box's system log, as farlink-syslogd wrote it.
+struct SyslogLine {
+    int priority = -1;    // facility * 8 + severity, e.g. 11 for user.err
+    std::string ident;    // the program's tag, without "[pid]"
+    std::string source;   // "utils" for "utils:42 text"; empty if absent
+    int line = -1;        // 42 for "utils:42 text"; -1 if absent
+    std::string message;  // text after "source:line ", else the whole text
+    std::string raw;      // the line as written, priority prefix included
+};
+
+// Parses one line of run/syslog.log; also useful for tests of the parser.
+SyslogLine ParseSyslogLine(const std::string& raw);
+
+class BoxTest : public ::testing::Test {
+protected:
+    using Milliseconds = std::chrono::milliseconds;
+
+    void SetUp() override;
+
+    // --- the web API host ----------------------------------------------------
+
+    // Calls one API method through the host (logged in once per program) and
+    // returns the host's whole answer ({"success":..., "data"|"error":...}).
+    // Afterwards it checks that the host has given up root again.
+    Json::Value Call(const std::string& api, int version, const std::string& method,
+                     const Json::Value& params = Json::Value(Json::objectValue));
+    pid_t HostPid() const;
+    // Expects the host's effective ids to be the service user's, and its
+    // real and saved ids root.
+    void ExpectHostIdsDropped() const;
+
+    // --- the system log --------------------------------------------------------
+
+    // Position in the log now; SetUp takes one (syslogMark_).
+    std::uintmax_t SyslogMark() const;
+    std::vector<SyslogLine> SyslogSince(std::uintmax_t mark) const;
+    std::vector<SyslogLine> SyslogSinceSetUp() const { return SyslogSince(syslogMark_); }
+    // The first line since SetUp whose message contains `text`, waiting up to
+    // `limit` for it (messages from other processes arrive asynchronously).
+    std::optional<SyslogLine> WaitForSyslog(const std::string& text,
+                                            Milliseconds limit = Milliseconds(5000)) const;
+
+    // --- the control server ------------------------------------------------------
+
+    void ResetControlServer();
+    void SetControlFault(const Json::Value& fault);
+    void SetControlSite(const Json::Value& site);
+    Json::Value ControlRecords();
+
+    // --- files -------------------------------------------------------------------
+
+    static std::string ReadFile(const std::string& path);
+    // Rewrites the file in place (same inode: bind-mounted files stay bound).
+    static void WriteFile(const std::string& path, const std::string& content);
+    static Json::Value ReadJson(const std::string& path);
+    static void WriteJson(const std::string& path, const Json::Value& value);
+    static std::vector<std::string> ReadLines(const std::string& path);
+
+    // A file of /usr/orvo/etc/orvorelayd by name ("misc.conf").
+    static std::string RelayConfPath(const std::string& name);
+    static void WriteHostInfo(const std::string& content);  // /etc/orvoinfo.conf
+
+    // --- the relay daemon and the services around it -----------------------------
+
+    static bool DaemonRunning();
+    static std::optional<pid_t> DaemonPid();
+    static std::string DaemonStatus();  // the status file, "" when absent
+    static void WriteDaemonEmulation(const Json::Value& controls);
+    static void WriteAccount(const Json::Value& state);
+    static std::vector<std::string> KivoQueries();
+    static std::vector<std::string> SystemdReloads();
+    static std::vector<std::string> CloudServiceActions();
+
+    // Runs a program of the box and returns its exit status (-1 if it could
+    // not be run or was killed).
+    static int RunProgram(const std::vector<std::string>& argv);
+
+    std::uintmax_t syslogMark_ = 0;
+};
+
+// While it lives, the box's resolver points at a name server that takes
+// queries and never answers; /etc/resolv.conf is rewritten in place.
+class ScopedDnsOutage {
+public:
+    ScopedDnsOutage();
+    ~ScopedDnsOutage();
+    ScopedDnsOutage(const ScopedDnsOutage&) = delete;
+    ScopedDnsOutage& operator=(const ScopedDnsOutage&) = delete;
+
+private:
+    std::string saved_;
+};
+
+// Where the box keeps its run directory; empty outside a box.
+std::string BoxRunDir();
+
+}  // namespace farlink_test

@@ -1,0 +1,51 @@
+// Owning handles for the C objects of libevent and OpenSSL.
+#pragma once
+
+#include <event2/buffer.h>
+#include <event2/event.h>
+#include <event2/http.h>
+#include <openssl/ssl.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+namespace farlink {
+namespace controlserver {
+
+template <typename T, void (*Free)(T*)>
+struct FreeWith {
+    void operator()(T* object) const { Free(object); }
+};
+
+using EventBasePtr = std::unique_ptr<event_base, FreeWith<event_base, event_base_free>>;
+using EventPtr = std::unique_ptr<event, FreeWith<event, event_free>>;
+using EvhttpPtr = std::unique_ptr<evhttp, FreeWith<evhttp, evhttp_free>>;
+using EvbufferPtr = std::unique_ptr<evbuffer, FreeWith<evbuffer, evbuffer_free>>;
+using SslCtxPtr = std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX, SSL_CTX_free>>;
+
+class UniqueFd {
+public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+private:
+    int fd_;
+};
+
+}  // namespace controlserver
+}  // namespace farlink
