@@ -106,9 +106,9 @@ public:
         return request.Send() && request.GetResponse(answer) && answer["ok"].asBool();
     }
     bool Fault(const std::string& mode, const Json::Value& extra = Json::objectValue) const {
-        Json::Value spec = extra;
-        spec["mode"] = mode;
-        return Control("fault", spec);
+        Json::Value fault = extra;
+        fault["mode"] = mode;
+        return Control("fault", fault);
     }
 
     // The records file, one JSON value per line.

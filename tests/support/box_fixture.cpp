@@ -7,6 +7,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -298,15 +300,36 @@ std::vector<SyslogLine> BoxTest::SyslogSince(std::uintmax_t mark) const {
     return lines;
 }
 
-std::optional<SyslogLine> BoxTest::WaitForSyslog(const std::string& text,
-                                                 Milliseconds limit) const {
+namespace {
+
+template <typename Match>
+std::optional<SyslogLine> WaitForLine(std::chrono::milliseconds limit, Match match,
+                                      const std::function<std::vector<SyslogLine>()>& lines) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
-        for (const auto& line : SyslogSinceSetUp())
-            if (line.message.find(text) != std::string::npos) return line;
+        for (const auto& line : lines())
+            if (match(line)) return line;
         if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(Milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+}  // namespace
+
+std::optional<SyslogLine> BoxTest::WaitForSyslog(const std::string& text,
+                                                 Milliseconds limit) const {
+    return WaitForLine(
+        limit, [&](const SyslogLine& line) { return line.message.find(text) != std::string::npos; },
+        [this] { return SyslogSinceSetUp(); });
+}
+
+std::optional<SyslogLine> BoxTest::WaitForLogged(const std::string& source,
+                                                 const std::string& message,
+                                                 Milliseconds limit) const {
+    return WaitForLine(
+        limit,
+        [&](const SyslogLine& line) { return line.source == source && line.message == message; },
+        [this] { return SyslogSinceSetUp(); });
 }
 
 // --- the control server -------------------------------------------------------------
@@ -408,5 +431,36 @@ ScopedDnsOutage::ScopedDnsOutage() : saved_(ReadWholeFile(kResolvConf)) {
 }
 
 ScopedDnsOutage::~ScopedDnsOutage() { RewriteInPlace(kResolvConf, saved_); }
+
+// --- credentials and programs -----------------------------------------------------------------
+
+ScopedUnrunnableProgram::ScopedUnrunnableProgram(std::string path) : path_(std::move(path)) {
+    struct stat info {};
+    EXPECT_EQ(stat(path_.c_str(), &info), 0) << path_;
+    mode_ = info.st_mode & 07777;
+    EXPECT_EQ(chmod(path_.c_str(), 0644), 0) << path_;
+}
+
+ScopedUnrunnableProgram::~ScopedUnrunnableProgram() {
+    EXPECT_EQ(chmod(path_.c_str(), static_cast<mode_t>(mode_)), 0) << path_;
+}
+
+ScopedServiceUser::ScopedServiceUser() {
+    const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
+    if (user == nullptr) {
+        ADD_FAILURE() << "no service user in the box";
+        return;
+    }
+    uid_ = user->pw_uid;
+    gid_ = user->pw_gid;
+    // Group first: once the user id is gone the group can no longer change.
+    EXPECT_EQ(setresgid(-1, gid_, -1), 0);
+    EXPECT_EQ(setresuid(-1, uid_, -1), 0);
+}
+
+ScopedServiceUser::~ScopedServiceUser() {
+    EXPECT_EQ(setresuid(-1, 0, -1), 0);
+    EXPECT_EQ(setresgid(-1, 0, -1), 0);
+}
 
 }  // namespace farlink_test

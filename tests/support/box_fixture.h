@@ -63,6 +63,10 @@ protected:
     // `limit` for it (messages from other processes arrive asynchronously).
     std::optional<SyslogLine> WaitForSyslog(const std::string& text,
                                             Milliseconds limit = Milliseconds(5000)) const;
+    // The first line since SetUp logged by `source` ("utils:..") with exactly
+    // `message`, waiting as WaitForSyslog does.
+    std::optional<SyslogLine> WaitForLogged(const std::string& source, const std::string& message,
+                                            Milliseconds limit = Milliseconds(5000)) const;
 
     // --- the control server ------------------------------------------------------
 
@@ -113,6 +117,38 @@ public:
 
 private:
     std::string saved_;
+};
+
+// While it lives, `path` exists but cannot be executed (its mode is 0644),
+// so that running it fails the way a missing or broken install does.
+class ScopedUnrunnableProgram {
+public:
+    explicit ScopedUnrunnableProgram(std::string path);
+    ~ScopedUnrunnableProgram();
+    ScopedUnrunnableProgram(const ScopedUnrunnableProgram&) = delete;
+    ScopedUnrunnableProgram& operator=(const ScopedUnrunnableProgram&) = delete;
+
+private:
+    std::string path_;
+    unsigned mode_ = 0;
+};
+
+// While it lives, this process's effective ids are the box's service user's
+// while its real and saved ids stay root: the credentials the host runs the
+// module with. Leaving it restores root.
+class ScopedServiceUser {
+public:
+    ScopedServiceUser();
+    ~ScopedServiceUser();
+    ScopedServiceUser(const ScopedServiceUser&) = delete;
+    ScopedServiceUser& operator=(const ScopedServiceUser&) = delete;
+
+    uid_t Uid() const { return uid_; }
+    gid_t Gid() const { return gid_; }
+
+private:
+    uid_t uid_ = 0;
+    gid_t gid_ = 0;
 };
 
 // Where the box keeps its run directory; empty outside a box.

@@ -351,21 +351,21 @@ ControlReply ControlState::Control(const std::string& method, const std::string&
         Reset();
         return ControlOk();
     }
-    Json::Value spec;
-    if (!ParseJson(body, spec) || !spec.isObject()) {
+    Json::Value request;
+    if (!ParseJson(body, request) || !request.isObject()) {
         return ControlFailure(400, "body is not a JSON object");
     }
     std::string error;
     if (path == "/control/fault") {
-        return AddFault(spec, error) ? ControlOk() : ControlFailure(400, error);
+        return AddFault(request, error) ? ControlOk() : ControlFailure(400, error);
     }
     if (path == "/control/site") {
-        return SetSiteAnswer(spec, error) ? ControlOk() : ControlFailure(400, error);
+        return SetSiteAnswer(request, error) ? ControlOk() : ControlFailure(400, error);
     }
     return ControlFailure(404, "no such control: " + path);
 }
 
-bool ControlState::AddFault(const Json::Value& spec, std::string& error) {
+bool ControlState::AddFault(const Json::Value& request, std::string& error) {
     static const std::map<std::string, FaultMode> kModes = {
         {"normal", FaultMode::kNormal},
         {"error", FaultMode::kError},
@@ -376,7 +376,7 @@ bool ControlState::AddFault(const Json::Value& spec, std::string& error) {
         {"close", FaultMode::kClose},
         {"silent", FaultMode::kSilent},
     };
-    const Json::Value* mode = StringMember(spec, "mode");
+    const Json::Value* mode = StringMember(request, "mode");
     const auto found = mode != nullptr ? kModes.find(mode->asString()) : kModes.end();
     if (found == kModes.end()) {
         error =
@@ -387,23 +387,23 @@ bool ControlState::AddFault(const Json::Value& spec, std::string& error) {
     Fault fault;
     fault.mode = found->second;
     for (const char* name : {"host", "command"}) {
-        if (spec.isMember(name) && StringMember(spec, name) == nullptr) {
+        if (request.isMember(name) && StringMember(request, name) == nullptr) {
             error = std::string("\"") + name + "\" must be a string";
             return false;
         }
     }
-    fault.host = Lower(spec.get("host", "*").asString());
-    fault.command = spec.get("command", "*").asString();
-    fault.errorNumber = spec.isMember("errno") ? spec["errno"] : Json::Value(kInternal);
+    fault.host = Lower(request.get("host", "*").asString());
+    fault.command = request.get("command", "*").asString();
+    fault.errorNumber = request.isMember("errno") ? request["errno"] : Json::Value(kInternal);
     for (const char* name : {"delay_ms", "count"}) {
-        if (spec.isMember(name) && (!spec[name].isInt() || spec[name].asInt() < 0)) {
+        if (request.isMember(name) && (!request[name].isInt() || request[name].asInt() < 0)) {
             error = std::string("\"") + name + "\" must be a non-negative integer";
             return false;
         }
     }
-    fault.delayMs = spec.get("delay_ms", 0).asInt();
-    if (spec.isMember("count")) {
-        fault.remaining = spec["count"].asInt();
+    fault.delayMs = request.get("delay_ms", 0).asInt();
+    if (request.isMember("count")) {
+        fault.remaining = request["count"].asInt();
         if (fault.remaining == 0) {
             return true;  // a rule for no request at all
         }
@@ -418,13 +418,13 @@ bool ControlState::AddFault(const Json::Value& spec, std::string& error) {
     return true;
 }
 
-bool ControlState::SetSiteAnswer(const Json::Value& spec, std::string& error) {
-    const Json::Value* host = StringMember(spec, "global_host");
-    if (host == nullptr || host->asString().empty() || !spec["answer"].isObject()) {
+bool ControlState::SetSiteAnswer(const Json::Value& request, std::string& error) {
+    const Json::Value* host = StringMember(request, "global_host");
+    if (host == nullptr || host->asString().empty() || !request["answer"].isObject()) {
         error = "needs a string \"global_host\" and an object \"answer\"";
         return false;
     }
-    siteAnswers_[Lower(host->asString())] = spec["answer"];
+    siteAnswers_[Lower(host->asString())] = request["answer"];
     return true;
 }
 

@@ -70,8 +70,8 @@ private:
     };
 
     void Reset();
-    bool AddFault(const Json::Value& spec, std::string& error);
-    bool SetSiteAnswer(const Json::Value& spec, std::string& error);
+    bool AddFault(const Json::Value& request, std::string& error);
+    bool SetSiteAnswer(const Json::Value& request, std::string& error);
     void Record(const IncomingRequest& request, const Json::Value* body,
                 const std::string& command);
     // Takes one use of the newest rule matching the request, if any.

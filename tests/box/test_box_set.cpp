@@ -1,0 +1,139 @@
+// ORVO.Core.Farlink "set", versions 1 and 2, through the box's host: the
+// relay daemon really starts and stops, and every answer leaves the host
+// with its service ids. Runs inside a box.
+#include <orvo/paths.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "box_fixture.h"
+
+namespace farlink_test {
+namespace {
+
+constexpr int kLogError = 1 * 8 + 3;  // user.err
+constexpr int kAuthDebug = 4 * 8 + 7;
+
+Json::Value Params(const Json::Value& enabled) {
+    Json::Value params(Json::objectValue);
+    params["enabled"] = enabled;
+    return params;
+}
+
+Json::Value ErrorAnswer(int code) {
+    Json::Value answer;
+    answer["success"] = false;
+    answer["error"]["code"] = code;
+    return answer;
+}
+
+Json::Value SuccessAnswer() {
+    Json::Value answer;
+    answer["success"] = true;
+    return answer;
+}
+
+class SetTest : public BoxTest, public ::testing::WithParamInterface<int> {
+protected:
+    int Version() const { return GetParam(); }
+    std::string Source() const { return "farlink.v" + std::to_string(Version()); }
+    Json::Value Set(const Json::Value& params) {
+        return Call("ORVO.Core.Farlink", Version(), "set", params);
+    }
+
+    void ExpectLogged(const std::string& source, const std::string& message) {
+        const auto line = WaitForLogged(source, message);
+        ASSERT_TRUE(line) << "no \"" << message << "\" from " << source;
+        EXPECT_EQ(line->priority, kLogError) << line->raw;
+        EXPECT_GT(line->line, 0) << line->raw;
+    }
+};
+
+TEST_P(SetTest, TrueStartsTheDaemonAndFalseStopsIt) {
+    EXPECT_EQ(Set(Params(true)), SuccessAnswer());
+    EXPECT_TRUE(DaemonRunning());
+    const auto firstPid = DaemonPid();
+    EXPECT_EQ(Set(Params(true)), SuccessAnswer()) << "a running daemon is left running";
+    EXPECT_EQ(DaemonPid(), firstPid);
+
+    EXPECT_EQ(Set(Params(false)), SuccessAnswer());
+    EXPECT_FALSE(DaemonRunning());
+    EXPECT_EQ(Set(Params(false)), SuccessAnswer()) << "stopping a stopped daemon is no failure";
+
+    // The daemon's command line ran as root: the section traced both switches
+    // on entry and the user's return to root on leaving, four times over.
+    const auto traced = [this](const std::string& message) {
+        int count = 0;
+        for (const auto& line : SyslogSinceSetUp()) {
+            if (line.source != "utils") continue;
+            EXPECT_EQ(line.priority, kAuthDebug) << line.raw;
+            count += line.message == message;
+        }
+        return count;
+    };
+    ASSERT_TRUE(WaitForLogged("utils", "WARNING: setresgid(-1, 0, -1)"));
+    for (int wait = 0; wait < 100 && traced("WARNING: setresuid(-1, 0, -1)") < 8; ++wait)
+        std::this_thread::sleep_for(Milliseconds(20));
+    EXPECT_EQ(traced("WARNING: setresgid(-1, 0, -1)"), 4);
+    EXPECT_EQ(traced("WARNING: setresuid(-1, 0, -1)"), 8);
+}
+
+TEST_P(SetTest, MissingOrUnconvertibleEnabledIsInvalidAndChangesNothing) {
+    ASSERT_EQ(Set(Params(true)), SuccessAnswer());
+    const auto pid = DaemonPid();
+    Json::Value object(Json::objectValue);
+    object["enabled"] = false;
+    Json::Value array(Json::arrayValue);
+    array.append(false);
+    for (const Json::Value& params :
+         {Json::Value(Json::objectValue), Params("no"), Params(object), Params(array)}) {
+        syslogMark_ = SyslogMark();
+        EXPECT_EQ(Set(params), ErrorAnswer(2901)) << params.toStyledString();
+        ExpectLogged(Source(), "Invalid parameter");
+        EXPECT_TRUE(DaemonRunning());
+        EXPECT_EQ(DaemonPid(), pid);
+    }
+}
+
+TEST_P(SetTest, NumbersAndNullConvertAsBooleans) {
+    EXPECT_EQ(Set(Params(7)), SuccessAnswer());
+    EXPECT_TRUE(DaemonRunning());
+    EXPECT_EQ(Set(Params(0)), SuccessAnswer());
+    EXPECT_FALSE(DaemonRunning());
+    ASSERT_EQ(Set(Params(1)), SuccessAnswer());
+    EXPECT_EQ(Set(Params(Json::Value())), SuccessAnswer());
+    EXPECT_FALSE(DaemonRunning()) << "null reads as false";
+}
+
+TEST_P(SetTest, ADaemonProgramThatCannotRunFailsBothWays) {
+    ScopedUnrunnableProgram broken(ORVO::Paths::kRelaydProgram);
+    EXPECT_EQ(Set(Params(true)), ErrorAnswer(2900));
+    ExpectLogged("utils", "fail to start farlink service");
+    ExpectLogged(Source(), "Fail to notify orvorelayd");
+    EXPECT_FALSE(DaemonRunning());
+
+    syslogMark_ = SyslogMark();
+    EXPECT_EQ(Set(Params(false)), ErrorAnswer(2900));
+    ExpectLogged("utils", "fail to stop farlink service");
+    ExpectLogged(Source(), "Fail to notify orvorelayd");
+}
+
+// Only a program that could not be run is a failure: its exit status is not.
+TEST_P(SetTest, AnExitStatusOfTheDaemonProgramIsNoFailure) {
+    Json::Value controls;
+    controls["start_exit"] = 1;
+    controls["stop_exit"] = 3;
+    WriteDaemonEmulation(controls);
+    EXPECT_EQ(Set(Params(true)), SuccessAnswer());
+    EXPECT_TRUE(DaemonRunning());
+    EXPECT_EQ(Set(Params(false)), SuccessAnswer());
+    EXPECT_FALSE(DaemonRunning());
+    EXPECT_FALSE(WaitForLogged(Source(), "Fail to notify orvorelayd", Milliseconds(200)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, SetTest, ::testing::Values(1, 2),
+                         [](const auto& info) { return "v" + std::to_string(info.param); });
+
+}  // namespace
+}  // namespace farlink_test
