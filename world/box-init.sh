@@ -21,6 +21,18 @@ control_v6=fd00:10::1
 silent_nameserver=127.0.10.53
 service_user=nobody
 
+# The deployment's host names, as the module and the kit were built with.
+# shellcheck source=/dev/null
+. "$build/deployment.env"
+primary=$FARLINK_PRIMARY_CONTROL_HOST
+secondary=$FARLINK_SECONDARY_CONTROL_HOST
+relayinfo=${FARLINK_DEFAULT_RELAYINFO_URL#*://}
+relayinfo=${relayinfo%%[:/]*}
+# The register sites the control server names: the global host's first
+# label replaced.
+primary_domain=${primary#*.}
+secondary_domain=${secondary#*.}
+
 service_names=()
 service_pids=()
 
@@ -140,7 +152,7 @@ make_tls() {
     openssl x509 -req -in "$scratch/server.csr" -days 7 -set_serial "0x$(random_hex 8)" \
         -CA "$run/ca.pem" -CAkey "$scratch/ca.key" -out "$scratch/server.pem" 2>/dev/null \
         -extfile <(printf '%s\n' \
-            "subjectAltName=DNS:*.farlink.test,DNS:*.farlink-cn.test,DNS:farlink.test" \
+            "subjectAltName=DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN" \
             "extendedKeyUsage=serverAuth")
     cat "$run/ca.pem" >>/etc/ssl/certs/ca-certificates.crt
 }
@@ -162,9 +174,9 @@ write_dnsmasq_conf() {
         printf '%s\n' no-resolv no-hosts 'local=/#/' no-round-robin \
             listen-address=127.0.0.1 bind-interfaces user=root log-queries \
             "log-facility=$run/dnsmasq.log" "pid-file=$scratch/dnsmasq.pid"
-        for name in global.farlink.test global.farlink-cn.test rs.farlink.test \
-            cnc.farlink-cn.test cnc.farlink.test vac.farlink.test relayinfo.farlink.test \
-            direct.farlink.test; do
+        for name in "$primary" "$secondary" "rs.$primary_domain" "cnc.$secondary_domain" \
+            "cnc.$primary_domain" "vac.$primary_domain" "$relayinfo" \
+            "$FARLINK_DEFAULT_DIRECT_DOMAIN"; do
             echo "host-record=$name,$control_v4,$control_v6"
         done
         # Names for resolver tests: order of several A records, one family only.
@@ -211,7 +223,7 @@ start_services() {
 
     write_dnsmasq_conf
     start_service dnsmasq dnsmasq --keep-in-foreground "--conf-file=$run/dnsmasq.conf"
-    wait_ready dnsmasq getent hosts global.farlink.test
+    wait_ready dnsmasq getent hosts "$primary"
 
     # A name server address that takes queries and never answers.
     start_service silent-nameserver "$bin/farlink-box-listen" --udp \
@@ -223,11 +235,15 @@ start_services() {
         --control 127.0.0.1:8444 --records "$run/controlserver-records.json"
     wait_ready controlserver log_says controlserver '^ready'
 
+    # FARLINK_BOX_HOST_WRAPPER (e.g. "valgrind --log-file=...") runs the host
+    # under a checking tool.
+    local -a wrapper
+    read -r -a wrapper <<<"${FARLINK_BOX_HOST_WRAPPER:-}"
     start_service host "$bin/farlink-box-listen" --fd 3 "127.0.0.1:$host_port" -- \
-        "$bin/farlink-host" --module "$build/lib/libwebapi-ORVO.Core.Farlink.so" \
+        "${wrapper[@]}" "$bin/farlink-host" --module "$build/lib/libwebapi-ORVO.Core.Farlink.so" \
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
         --access-log "$run/access.log" --pid-file "$run/host.pid"
-    wait_ready host log_says host 'listening on'
+    wait_ready host log_says host "listening on"
 
     # Connections to the machine's 127.0.0.1:PORT come in here.
     setsid "$bin/farlink-box-forward" --listen-fd 3 --to "127.0.0.1:$host_port" \
