@@ -3,6 +3,7 @@
 #include <orvo/relayd.h>
 
 #include "json_file.h"
+#include "root_access.h"
 
 namespace ORVO {
 namespace Relay {
@@ -33,6 +34,8 @@ bool AliasStatus::SetStatus(const std::string& alias, const std::string& status,
     Json::Value record(Json::objectValue);
     record["status"] = status;
     record["error"] = error;
+    // Callers record the outcome of an alias request with their own ids.
+    const internal::ScopedRootAccess root;
     return internal::UpdateJsonObjectFile(Paths::kAliasStatus, Json::Value(Json::objectValue),
                                           [&](Json::Value& records) { records[alias] = record; });
 }

@@ -3,6 +3,7 @@
 #include <orvo/relayd.h>
 
 #include "json_file.h"
+#include "root_access.h"
 
 namespace ORVO {
 namespace Relay {
@@ -13,9 +14,13 @@ bool AuthConf::ReadConf() {
     loaded_ = false;
     credentials_ = Json::Value();
     Json::Value document;
+    {
+        // The file is root's alone; a registration reads it with its own ids.
+        const internal::ScopedRootAccess root;
+        if (!internal::ReadJsonFile(Paths::kAuthConf, document)) return false;
+    }
     std::string serial, apiKey;
-    if (!internal::ReadJsonFile(Paths::kAuthConf, document) ||
-        !internal::TakeString(document, "serial", serial) ||
+    if (!internal::TakeString(document, "serial", serial) ||
         !internal::TakeString(document, "api_key", apiKey) || serial.empty() || apiKey.empty()) {
         return false;
     }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <orvo/paths.h>
 #include <orvo/relayd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "relay_test_support.h"
@@ -17,6 +18,21 @@ namespace {
 class FixedFiles : public ::testing::Test {
 protected:
     void SetUp() override { relay_test::ResetRelayFolders(); }
+};
+
+// The web API server's credentials: root as real and saved ids, an
+// unprivileged user as the effective ones.
+class ScopedUnraisedIds {
+public:
+    ScopedUnraisedIds() {
+        EXPECT_EQ(setresgid(-1, kNobody, -1), 0);
+        EXPECT_EQ(setresuid(-1, kNobody, -1), 0);
+    }
+    ~ScopedUnraisedIds() {
+        EXPECT_EQ(setresuid(-1, 0, -1), 0);
+        EXPECT_EQ(setresgid(-1, 0, -1), 0);
+    }
+    static constexpr uid_t kNobody = 65534;
 };
 
 TEST_F(FixedFiles, AuthConfNeedsBothCredentials) {
@@ -63,6 +79,32 @@ TEST_F(FixedFiles, AliasStatusKeepsOneRecordPerAlias) {
     EXPECT_FALSE(records.GetStatus("box", status, error));
     ASSERT_TRUE(records.SetStatus("box", "success", "", true));
     EXPECT_TRUE(records.GetStatus("box", status, error));
+}
+
+// Callers read the credentials and record the alias status without raising
+// their ids, although both files are root's.
+TEST_F(FixedFiles, CredentialsAndAliasStatusNeedNoRaisedIds) {
+    WriteText(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
+    ASSERT_EQ(chmod(Paths::kAuthConf, 0600), 0);
+    AuthConf auth;
+    AliasStatus records;
+    {
+        const ScopedUnraisedIds unraised;
+        EXPECT_TRUE(auth.ReadConf());
+        EXPECT_EQ(geteuid(), ScopedUnraisedIds::kNobody);
+        EXPECT_EQ(getegid(), ScopedUnraisedIds::kNobody);
+        EXPECT_TRUE(records.SetStatus("box", "success", "", true));
+        EXPECT_EQ(geteuid(), ScopedUnraisedIds::kNobody);
+        EXPECT_EQ(getegid(), ScopedUnraisedIds::kNobody);
+    }
+    Json::Value out;
+    ASSERT_TRUE(auth.Write(out, true));
+    EXPECT_EQ(out["api_key"], "K1");
+    EXPECT_EQ(ReadJson(Paths::kAliasStatus)["box"]["status"], "success");
+    struct stat written {};
+    ASSERT_EQ(stat(Paths::kAliasStatus, &written), 0);
+    EXPECT_EQ(written.st_uid, 0u);
+    EXPECT_EQ(written.st_gid, 0u);
 }
 
 TEST_F(FixedFiles, ServicePermissionWritesAndReadsTheDefaultList) {

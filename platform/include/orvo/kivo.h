@@ -1,5 +1,5 @@
 // Account library (liborvokivo): the kivo account bound to the box.
-// State lives in Paths::kKivoAccount (see docs/platform.md).
+// State lives in Paths::kKivoAccount (see docs/platform-base.md).
 #pragma once
 
 #include <json/value.h>

@@ -1,7 +1,7 @@
 // Relay client library (liborvorelayd): the relay daemon's configuration
 // objects, requests to the control server, and access to the running daemon.
 //
-// File layouts and defaults are described in docs/platform.md; the control
+// File layouts and defaults are described in docs/relay-library.md; the control
 // server protocol in docs/control-protocol.md.
 #pragma once
 
@@ -173,6 +173,7 @@ class AuthConf {
 public:
     AuthConf();
     // Reads the credentials file; false when it is missing or incomplete.
+    // Works without raised ids when the real ids are root's.
     bool ReadConf();
     // Puts the credentials into `out`; false when none were read.
     bool Write(Json::Value& out, bool full) const;
@@ -253,6 +254,8 @@ class AliasStatus {
 public:
     AliasStatus();
     bool GetStatus(const std::string& alias, std::string& status, std::string& error) const;
+    // With `save` the record is written; without raised ids too when the real
+    // ids are root's.
     bool SetStatus(const std::string& alias, const std::string& status, const std::string& error,
                    bool save);
 };
