@@ -77,11 +77,8 @@ public:
 
     void Heartbeat() {
         controls_ = LoadEmulationControls();
-        const bool forced = controls_.forceStatus || controls_.forceError;
         // Forced words stand for the outcome: no request is made then.
-        link_ = forced ? LinkState{controls_.forceStatus.value_or("connected"),
-                                   controls_.forceError.value_or("")}
-                       : SendHeartbeat(conf_);
+        link_ = Forced() ? ForcedLink() : SendHeartbeat(conf_);
         Publish();
     }
 
@@ -98,7 +95,15 @@ private:
     void Reload() {
         conf_ = ORVO::Relay::RelaydConf(Paths::kRelaydConf);
         controls_ = LoadEmulationControls();
-        link_ = LinkState{kStatusConnecting, ""};
+        // Forced words hold from the first published state on, so that a
+        // reader never sees the plain connecting state in between.
+        link_ = Forced() ? ForcedLink() : LinkState{kStatusConnecting, ""};
+    }
+
+    bool Forced() const { return controls_.forceStatus || controls_.forceError; }
+
+    LinkState ForcedLink() const {
+        return {controls_.forceStatus.value_or("connected"), controls_.forceError.value_or("")};
     }
 
     // Writes the status file when the state changed.
