@@ -6,10 +6,10 @@
 // (one line). Fields never contain blanks; an absent one is "-".
 #pragma once
 
+#include <farlink/unique_fd.h>
+
 #include <chrono>
 #include <string>
-
-#include "unique_fd.h"
 
 namespace farlink::host {
 

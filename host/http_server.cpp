@@ -5,6 +5,7 @@
 #include <event2/http.h>
 #include <event2/keyvalq_struct.h>
 #include <event2/thread.h>
+#include <farlink/http_method.h>
 #include <fcntl.h>
 
 #include <condition_variable>
@@ -34,30 +35,6 @@ constexpr ev_uint16_t kAllMethods = EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_RE
                                     EVHTTP_REQ_PUT | EVHTTP_REQ_DELETE | EVHTTP_REQ_OPTIONS |
                                     EVHTTP_REQ_TRACE | EVHTTP_REQ_CONNECT | EVHTTP_REQ_PATCH;
 
-const char* MethodName(evhttp_cmd_type command) {
-    switch (command) {
-        case EVHTTP_REQ_GET:
-            return "GET";
-        case EVHTTP_REQ_POST:
-            return "POST";
-        case EVHTTP_REQ_HEAD:
-            return "HEAD";
-        case EVHTTP_REQ_PUT:
-            return "PUT";
-        case EVHTTP_REQ_DELETE:
-            return "DELETE";
-        case EVHTTP_REQ_OPTIONS:
-            return "OPTIONS";
-        case EVHTTP_REQ_TRACE:
-            return "TRACE";
-        case EVHTTP_REQ_CONNECT:
-            return "CONNECT";
-        case EVHTTP_REQ_PATCH:
-            return "PATCH";
-    }
-    return "?";
-}
-
 std::string Header(evhttp_request* request, const char* name) {
     const char* value = evhttp_find_header(evhttp_request_get_input_headers(request), name);
     return value ? value : "";
@@ -75,7 +52,7 @@ std::string Peer(evhttp_request* request) {
 HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
     HttpExchange exchange;
     exchange.client = Peer(request);
-    exchange.method = MethodName(evhttp_request_get_command(request));
+    exchange.method = farlink::HttpMethodName(evhttp_request_get_command(request));
     const evhttp_uri* uri = evhttp_request_get_evhttp_uri(request);
     const char* path = uri ? evhttp_uri_get_path(uri) : nullptr;
     const char* query = uri ? evhttp_uri_get_query(uri) : nullptr;

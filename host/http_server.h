@@ -3,13 +3,14 @@
 // is busy in a handler does not accept, so new connections go to idle ones.
 #pragma once
 
+#include <farlink/unique_fd.h>
+
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <vector>
 
 #include "http_exchange.h"
-#include "unique_fd.h"
 
 namespace farlink::host {
 

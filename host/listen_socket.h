@@ -2,9 +2,9 @@
 // bound and listening from a launcher that sits in another network namespace.
 #pragma once
 
-#include <string>
+#include <farlink/unique_fd.h>
 
-#include "unique_fd.h"
+#include <string>
 
 namespace farlink::host {
 

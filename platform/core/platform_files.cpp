@@ -1,5 +1,6 @@
 #include "platform_files.h"
 
+#include <farlink/file_io.h>
 #include <fcntl.h>
 #include <json/reader.h>
 #include <sys/stat.h>
@@ -12,64 +13,6 @@
 
 namespace orvo {
 namespace platform {
-
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-        Reset(other.Release());
-    }
-    return *this;
-}
-
-int UniqueFd::Release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
-void UniqueFd::Reset(int fd) {
-    if (fd_ >= 0) {
-        // Closing happens on error paths too, where the caller still has
-        // to report the errno of the step that failed.
-        int savedErrno = errno;
-        ::close(fd_);
-        errno = savedErrno;
-    }
-    fd_ = fd;
-}
-
-namespace {
-
-bool WriteAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        ssize_t written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
-std::string ParentDir(const std::string& path) {
-    std::string::size_type slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-void SyncDir(const std::string& dir) {
-    UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.Valid()) {
-        ::fsync(fd.Get());
-    }
-}
-
-}  // namespace
 
 int ReadFile(const std::string& path, std::string& out) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -144,7 +87,7 @@ bool MakeDirs(const std::string& dir) {
 }
 
 bool AppendLine(const std::string& path, const std::string& line) {
-    if (!MakeDirs(ParentDir(path))) {
+    if (!MakeDirs(farlink::DirectoryOf(path))) {
         return false;
     }
     UniqueFd fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
@@ -152,7 +95,7 @@ bool AppendLine(const std::string& path, const std::string& line) {
         return false;
     }
     std::string record = line + '\n';
-    return WriteAll(fd.Get(), record.data(), record.size());
+    return farlink::WriteAll(fd.Get(), record.data(), record.size());
 }
 
 bool WriteFileAtomically(const std::string& path, const std::string& content) {
@@ -161,20 +104,7 @@ bool WriteFileAtomically(const std::string& path, const std::string& content) {
     if (::stat(path.c_str(), &st) == 0) {
         mode = st.st_mode & 07777;
     }
-    std::string temp = path + ".XXXXXX";
-    UniqueFd fd(::mkostemp(&temp[0], O_CLOEXEC));
-    if (!fd.Valid()) {
-        return false;
-    }
-    bool ok = ::fchmod(fd.Get(), mode) == 0 && WriteAll(fd.Get(), content.data(), content.size()) &&
-              ::fsync(fd.Get()) == 0;
-    fd.Reset();
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    SyncDir(ParentDir(path));
-    return true;
+    return farlink::WriteFileAtomically(path, content, mode);
 }
 
 void CopyTerminated(const std::string& text, char* buffer, std::size_t size) {

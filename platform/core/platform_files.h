@@ -2,6 +2,7 @@
 // library's public interface; linked statically with hidden visibility).
 #pragma once
 
+#include <farlink/unique_fd.h>
 #include <json/value.h>
 
 #include <string>
@@ -9,25 +10,7 @@
 namespace orvo {
 namespace platform {
 
-// An owned file descriptor, closed when it goes out of scope.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { Reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int Get() const { return fd_; }
-    bool Valid() const { return fd_ >= 0; }
-    int Release();
-    void Reset(int fd = -1);
-
-private:
-    int fd_ = -1;
-};
+using UniqueFd = farlink::UniqueFd;
 
 enum class JsonReadResult {
     kOk,

@@ -1,11 +1,10 @@
 #include "json_file.h"
 
+#include <farlink/file_io.h>
 #include <json/reader.h>
 #include <json/writer.h>
 
 #include <fstream>
-
-#include "atomic_file.h"
 
 namespace ORVO {
 namespace Relay {
@@ -29,7 +28,7 @@ std::string StyledJson(const Json::Value& value) {
 }
 
 bool WriteJsonFile(const std::string& path, const Json::Value& value, mode_t mode) {
-    return WriteFileAtomically(path, StyledJson(value), mode);
+    return farlink::WriteFileAtomically(path, StyledJson(value), mode);
 }
 
 bool UpdateJsonObjectFile(const std::string& path, const Json::Value& fallback,

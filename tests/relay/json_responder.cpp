@@ -1,6 +1,7 @@
 #include "json_responder.h"
 
 #include <arpa/inet.h>
+#include <farlink/file_io.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -10,7 +11,7 @@
 
 namespace relay_test {
 
-using ORVO::Relay::internal::UniqueFd;
+using farlink::UniqueFd;
 
 JsonResponder::JsonResponder(std::string answer) : answer_(std::move(answer)) {
     listener_ = UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -19,8 +20,8 @@ JsonResponder::JsonResponder(std::string answer) : answer_(std::move(answer)) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (!listener_.valid() || bind(listener_.get(), generic, sizeof address) != 0 ||
-        listen(listener_.get(), 8) != 0 || getsockname(listener_.get(), generic, &length) != 0) {
+    if (!listener_.Valid() || bind(listener_.Get(), generic, sizeof address) != 0 ||
+        listen(listener_.Get(), 8) != 0 || getsockname(listener_.Get(), generic, &length) != 0) {
         throw std::runtime_error("cannot listen on the loopback interface");
     }
     port_ = ntohs(address.sin_port);
@@ -29,7 +30,7 @@ JsonResponder::JsonResponder(std::string answer) : answer_(std::move(answer)) {
 
 JsonResponder::~JsonResponder() {
     // Wakes the blocked accept(), which then fails and ends the thread.
-    shutdown(listener_.get(), SHUT_RDWR);
+    shutdown(listener_.Get(), SHUT_RDWR);
     thread_.join();
 }
 
@@ -45,9 +46,9 @@ std::vector<Json::Value> JsonResponder::Bodies() const {
 
 void JsonResponder::Serve() {
     for (;;) {
-        UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!connection.valid()) return;
-        Answer(connection.get());
+        UniqueFd connection(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection.Valid()) return;
+        Answer(connection.Get());
     }
 }
 
@@ -73,7 +74,7 @@ void JsonResponder::Answer(int connection) {
         "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
         "Connection: close\r\nContent-Length: " +
         std::to_string(answer.size()) + "\r\n\r\n" + answer;
-    ORVO::Relay::internal::WriteAll(connection, reply.data(), reply.size());
+    farlink::WriteAll(connection, reply.data(), reply.size());
 }
 
 }  // namespace relay_test

@@ -2,14 +2,13 @@
 // with one JSON text and remembers the JSON bodies it received.
 #pragma once
 
+#include <farlink/unique_fd.h>
 #include <json/value.h>
 
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "unique_fd.h"
 
 namespace relay_test {
 
@@ -28,7 +27,7 @@ private:
     void Serve();
     void Answer(int connection);
 
-    ORVO::Relay::internal::UniqueFd listener_;
+    farlink::UniqueFd listener_;
     int port_ = 0;
     mutable std::mutex mutex_;
     std::string answer_;

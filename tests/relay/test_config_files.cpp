@@ -1,5 +1,6 @@
 // Configuration objects of the relay library against files in a scratch
 // directory.
+#include <farlink/file_io.h>
 #include <gtest/gtest.h>
 #include <orvo/relayd.h>
 #include <sys/stat.h>
@@ -7,7 +8,6 @@
 #include <atomic>
 #include <thread>
 
-#include "atomic_file.h"
 #include "relay_test_support.h"
 
 using namespace ORVO::Relay;
@@ -242,7 +242,7 @@ protected:
 };
 
 TEST_F(AtomicWrite, ReplacesContentWithModeAndLeavesNoTemporary) {
-    using ORVO::Relay::internal::WriteFileAtomically;
+    using farlink::WriteFileAtomically;
     ASSERT_TRUE(WriteFileAtomically(path, "one", 0600));
     ASSERT_TRUE(WriteFileAtomically(path, "two", 0644));
     EXPECT_EQ(relay_test::ReadText(path), "two");
@@ -253,7 +253,7 @@ TEST_F(AtomicWrite, ReplacesContentWithModeAndLeavesNoTemporary) {
 }
 
 TEST_F(AtomicWrite, FailureKeepsTheOldFileAndLeavesNoTemporary) {
-    using ORVO::Relay::internal::WriteFileAtomically;
+    using farlink::WriteFileAtomically;
     // A directory in the target's place makes the final rename fail.
     const std::string blocked = dir / "blocked";
     ASSERT_EQ(mkdir(blocked.c_str(), 0755), 0);
@@ -267,11 +267,11 @@ TEST_F(AtomicWrite, FailureKeepsTheOldFileAndLeavesNoTemporary) {
 TEST_F(AtomicWrite, ConcurrentReaderNeverSeesATornFile) {
     const std::string small = R"({"a": 1})";
     const std::string large = "{\"b\": \"" + std::string(256 * 1024, 'x') + "\"}";
-    ASSERT_TRUE(ORVO::Relay::internal::WriteFileAtomically(path, small, 0644));
+    ASSERT_TRUE(farlink::WriteFileAtomically(path, small, 0644));
     std::atomic<bool> done{false};
     std::thread writer([&] {
         for (int i = 0; i < 60; ++i) {
-            ORVO::Relay::internal::WriteFileAtomically(path, i % 2 ? small : large, 0644);
+            farlink::WriteFileAtomically(path, i % 2 ? small : large, 0644);
         }
         done = true;
     });

@@ -4,6 +4,7 @@
 #include <event2/buffer.h>
 #include <event2/event.h>
 #include <event2/http.h>
+#include <farlink/unique_fd.h>
 #include <openssl/ssl.h>
 #include <unistd.h>
 
@@ -24,28 +25,7 @@ using EvhttpPtr = std::unique_ptr<evhttp, FreeWith<evhttp, evhttp_free>>;
 using EvbufferPtr = std::unique_ptr<evbuffer, FreeWith<evbuffer, evbuffer_free>>;
 using SslCtxPtr = std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX, SSL_CTX_free>>;
 
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
+using UniqueFd = farlink::UniqueFd;
 
 }  // namespace controlserver
 }  // namespace farlink

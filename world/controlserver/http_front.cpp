@@ -2,6 +2,7 @@
 
 #include <event2/bufferevent_ssl.h>
 #include <event2/keyvalq_struct.h>
+#include <farlink/http_method.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -38,23 +39,6 @@ std::string HostWithoutPort(const char* header) {
     std::transform(host.begin(), host.end(), host.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return host;
-}
-
-const char* MethodName(evhttp_cmd_type command) {
-    switch (command) {
-        case EVHTTP_REQ_GET:
-            return "GET";
-        case EVHTTP_REQ_POST:
-            return "POST";
-        case EVHTTP_REQ_HEAD:
-            return "HEAD";
-        case EVHTTP_REQ_PUT:
-            return "PUT";
-        case EVHTTP_REQ_DELETE:
-            return "DELETE";
-        default:
-            return "OTHER";
-    }
 }
 
 std::string RequestPath(evhttp_request* request) {
@@ -102,17 +86,17 @@ UniqueFd OpenListener(const std::string& address, int port, int& boundPort, std:
 
     UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
-    if (fd.get() < 0 || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    if (fd.Get() < 0 || setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         (found->ai_family == AF_INET6 &&
-         setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) ||
-        bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-        listen(fd.get(), kListenBacklog) != 0) {
+         setsockopt(fd.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) ||
+        bind(fd.Get(), found->ai_addr, found->ai_addrlen) != 0 ||
+        listen(fd.Get(), kListenBacklog) != 0) {
         error = address + " port " + service + ": " + std::strerror(errno);
         return UniqueFd();
     }
     sockaddr_storage bound{};
     socklen_t length = sizeof bound;
-    getsockname(fd.get(), reinterpret_cast<sockaddr*>(&bound), &length);
+    getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&bound), &length);
     boundPort =
         ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
                                           : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
@@ -120,11 +104,11 @@ UniqueFd OpenListener(const std::string& address, int port, int& boundPort, std:
 }
 
 bool Accept(evhttp* http, UniqueFd fd, std::string& error) {
-    if (evhttp_accept_socket_with_handle(http, fd.get()) == nullptr) {
+    if (evhttp_accept_socket_with_handle(http, fd.Get()) == nullptr) {
         error = "cannot accept on the listening socket";
         return false;
     }
-    fd.release();  // the listener owns it now
+    fd.Release();  // the listener owns it now
     return true;
 }
 
@@ -169,7 +153,7 @@ bool HttpFront::ListenService(bool https, const std::vector<std::string>& addres
         std::string failure;
         int bound = 0;
         UniqueFd fd = OpenListener(address, port, bound, failure);
-        if (fd.get() < 0 || !Accept(http.get(), std::move(fd), failure)) {
+        if (fd.Get() < 0 || !Accept(http.get(), std::move(fd), failure)) {
             warnings.push_back(failure);
             continue;
         }
@@ -192,7 +176,7 @@ bool HttpFront::ListenControl(const std::string& address, int& port, std::string
     evhttp_set_max_body_size(control_.get(), kMaxBodyBytes);
     int bound = 0;
     UniqueFd fd = OpenListener(address, port, bound, error);
-    if (fd.get() < 0 || !Accept(control_.get(), std::move(fd), error)) {
+    if (fd.Get() < 0 || !Accept(control_.get(), std::move(fd), error)) {
         return false;
     }
     port = bound;
@@ -222,7 +206,7 @@ void HttpFront::OnServiceRequest(evhttp_request* request, void* endpoint) {
     incoming.host =
         HostWithoutPort(evhttp_find_header(evhttp_request_get_input_headers(request), "Host"));
     incoming.scheme = where->scheme;
-    incoming.method = MethodName(evhttp_request_get_command(request));
+    incoming.method = farlink::HttpMethodName(evhttp_request_get_command(request));
     incoming.path = RequestPath(request);
     incoming.body = RequestBody(request);
 
@@ -236,7 +220,7 @@ void HttpFront::OnServiceRequest(evhttp_request* request, void* endpoint) {
 
 void HttpFront::OnControlRequest(evhttp_request* request, void* front) {
     const ControlReply reply = static_cast<HttpFront*>(front)->state_.Control(
-        MethodName(evhttp_request_get_command(request)), RequestPath(request),
+        farlink::HttpMethodName(evhttp_request_get_command(request)), RequestPath(request),
         RequestBody(request));
     SendAnswer(request, reply.status, reply.body);
 }

@@ -7,6 +7,7 @@
 //
 // The port actually bound (useful with port 0) is passed on in the
 // environment as FARLINK_BOX_LISTEN_PORT.
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -20,13 +21,12 @@
 #include <vector>
 
 #include "socket_address.h"
-#include "unique_fd.h"
 
 namespace {
 
+using farlink::UniqueFd;
 using farlink::box::BoundPort;
 using farlink::box::ParseSocketAddress;
-using farlink::box::UniqueFd;
 
 constexpr const char kUsage[] =
     "usage: farlink-box-listen [--udp] [--fd N] [--die-with-parent] ADDR:PORT -- COMMAND "

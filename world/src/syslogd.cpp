@@ -11,6 +11,8 @@
 // box stopped is lost.
 //
 //   farlink-syslogd --socket PATH --output FILE
+#include <farlink/file_io.h>
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,11 +28,9 @@
 #include <cstring>
 #include <string>
 
-#include "unique_fd.h"
-
 namespace {
 
-using farlink::box::UniqueFd;
+using farlink::UniqueFd;
 
 constexpr size_t kMaxMessage = 64 * 1024;
 
@@ -48,25 +48,14 @@ std::string AsOneLine(const char* data, size_t size) {
     return line;
 }
 
-bool WriteAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Copies queued messages to the output; returns false when the socket would
 // block (only possible once it has been made non-blocking) or failed.
 bool CopyOneMessage(int socket, int output) {
     static std::array<char, kMaxMessage> buffer;
     const ssize_t n = recv(socket, buffer.data(), buffer.size(), 0);
     if (n < 0) return errno == EINTR;
-    if (!WriteAll(output, AsOneLine(buffer.data(), static_cast<size_t>(n))))
-        std::perror("farlink-syslogd: write");
+    const std::string line = AsOneLine(buffer.data(), static_cast<size_t>(n));
+    if (!farlink::WriteAll(output, line.data(), line.size())) std::perror("farlink-syslogd: write");
     return true;
 }
 

@@ -1,16 +1,16 @@
 #include "host_info.h"
 
+#include <farlink/file_io.h>
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 
 #include <fstream>
 #include <sstream>
 
-#include "unique_fd.h"
-
 namespace orvorelayd {
 namespace {
 
-using ORVO::Relay::internal::UniqueFd;
+using farlink::UniqueFd;
 
 bool LineHasKey(const std::string& line, const std::string& key) {
     const auto start = line.find_first_not_of(" \t");
@@ -43,8 +43,8 @@ bool SetHostInfoKey(const std::string& path, const std::string& key, const std::
     if (key.empty()) return false;
     const std::string text = WithEntry(path, key, key + "=\"" + value + "\"");
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    return fd.valid() && ORVO::Relay::internal::WriteAll(fd.get(), text.data(), text.size()) &&
-           fsync(fd.get()) == 0 && fd.Close();
+    return fd.Valid() && farlink::WriteAll(fd.Get(), text.data(), text.size()) &&
+           fsync(fd.Get()) == 0 && fd.Close();
 }
 
 }  // namespace orvorelayd

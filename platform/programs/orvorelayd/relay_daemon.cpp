@@ -1,5 +1,7 @@
 #include "relay_daemon.h"
 
+#include <farlink/file_io.h>
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <orvo/paths.h>
 #include <orvo/relayd.h>
@@ -13,12 +15,10 @@
 #include <chrono>
 #include <initializer_list>
 
-#include "atomic_file.h"
 #include "daemon_process.h"
 #include "emulation.h"
 #include "heartbeat.h"
 #include "json_file.h"
-#include "unique_fd.h"
 
 namespace orvorelayd {
 namespace {
@@ -26,7 +26,7 @@ namespace {
 namespace relay = ORVO::Relay::internal;
 namespace Paths = ORVO::Paths;
 using Clock = std::chrono::steady_clock;
-using relay::UniqueFd;
+using farlink::UniqueFd;
 
 // Held for the daemon's lifetime so that two racing starts cannot both run.
 constexpr const char kLockFile[] = "/usr/orvo/var/run/orvorelayd.lock";
@@ -34,7 +34,7 @@ constexpr const char kLockFile[] = "/usr/orvo/var/run/orvorelayd.lock";
 UniqueFd AcquireSingleInstanceLock() {
     mkdir(Paths::kRunDir, 0755);
     UniqueFd fd(open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (fd.valid() && flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return UniqueFd();
+    if (fd.Valid() && flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) return UniqueFd();
     return fd;
 }
 
@@ -49,7 +49,7 @@ UniqueFd OpenSignalFd(std::initializer_list<int> signals) {
 
 bool WritePidFile() {
     const std::string text = std::to_string(getpid()) + "\n";
-    return relay::WriteFileAtomically(Paths::kRelaydPidFile, text, relay::kPublicFileMode);
+    return farlink::WriteFileAtomically(Paths::kRelaydPidFile, text, relay::kPublicFileMode);
 }
 
 class RelayDaemon {
@@ -138,9 +138,9 @@ int MillisecondsUntil(Clock::time_point when) {
 
 int RunRelayDaemon() {
     const UniqueFd lock = AcquireSingleInstanceLock();
-    if (!lock.valid()) return 3;
+    if (!lock.Valid()) return 3;
     const UniqueFd signals = OpenSignalFd({SIGHUP, SIGUSR1, SIGTERM, SIGINT});
-    if (!signals.valid()) return 1;
+    if (!signals.Valid()) return 1;
 
     RelayDaemon daemon;
     // The status file comes first: whoever sees the pid file finds a state.
@@ -154,10 +154,10 @@ int RunRelayDaemon() {
             daemon.Heartbeat();
             nextHeartbeat = Clock::now() + daemon.HeartbeatInterval();
         }
-        pollfd waiting{signals.get(), POLLIN, 0};
+        pollfd waiting{signals.Get(), POLLIN, 0};
         if (poll(&waiting, 1, MillisecondsUntil(nextHeartbeat)) <= 0) continue;
         signalfd_siginfo info;
-        if (read(signals.get(), &info, sizeof info) != static_cast<ssize_t>(sizeof info)) continue;
+        if (read(signals.Get(), &info, sizeof info) != static_cast<ssize_t>(sizeof info)) continue;
         switch (info.ssi_signo) {
             case SIGHUP:
                 daemon.OnReload();

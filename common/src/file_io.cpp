@@ -1,5 +1,5 @@
-#include "atomic_file.h"
-
+#include <farlink/file_io.h>
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,11 +7,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "unique_fd.h"
-
-namespace ORVO {
-namespace Relay {
-namespace internal {
+namespace farlink {
 
 namespace {
 
@@ -31,19 +27,32 @@ private:
     std::string path_;
 };
 
+bool SyncDirectory(const std::string& dir) {
+    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.Valid() && fsync(fd.Get()) == 0;
+}
+
+}  // namespace
+
+bool WriteAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
 std::string DirectoryOf(const std::string& path) {
     const auto slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
     if (slash == 0) return "/";
     return path.substr(0, slash);
 }
-
-bool SyncDirectory(const std::string& dir) {
-    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd.valid() && fsync(fd.get()) == 0;
-}
-
-}  // namespace
 
 bool WriteFileAtomically(const std::string& path, const std::string& content, mode_t mode) {
     if (path.empty() || path.back() == '/') return false;
@@ -52,11 +61,11 @@ bool WriteFileAtomically(const std::string& path, const std::string& content, mo
     name.push_back('\0');
 
     UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
-    if (!fd.valid()) return false;
+    if (!fd.Valid()) return false;
     TempFileGuard guard(name.data());
 
-    if (!WriteAll(fd.get(), content.data(), content.size()) || fsync(fd.get()) != 0 ||
-        fchmod(fd.get(), mode) != 0 || !fd.Close()) {
+    if (!WriteAll(fd.Get(), content.data(), content.size()) || fsync(fd.Get()) != 0 ||
+        fchmod(fd.Get(), mode) != 0 || !fd.Close()) {
         return false;
     }
     if (rename(name.data(), path.c_str()) != 0) return false;
@@ -68,6 +77,4 @@ bool WriteFileAtomically(const std::string& path, const std::string& content, mo
     return true;
 }
 
-}  // namespace internal
-}  // namespace Relay
-}  // namespace ORVO
+}  // namespace farlink
