@@ -18,6 +18,7 @@ extern "C" {
 // The host reads the table as raw machine words: rows keep this order and
 // end with an all-zero row.
 const ORVO::APITableEntry grgTable[] = {
+    {kCoreApi, 1, "status", Status_v1},
     {kCoreApi, 1, "set", Set_v1},
     {kCoreApi, 2, "set", Set_v2},
     {nullptr, 0, nullptr, nullptr},

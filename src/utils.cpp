@@ -1,5 +1,10 @@
 #include "utils.h"
 
+#include <arpa/inet.h>
+#include <event2/dns.h>
+#include <event2/event.h>
+#include <json/reader.h>
+#include <netdb.h>
 #include <orvo/cloudservice.h>
 #include <orvo/core.h>
 #include <orvo/systemd.h>
@@ -8,6 +13,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "api_table.h"
 
 namespace {
 
@@ -23,8 +32,7 @@ constexpr int kAuthDebug = LOG_AUTH | LOG_DEBUG;
 constexpr int kAuthError = LOG_AUTH | LOG_ERR;
 
 void LogSwitched(const char* source, int line, const char* label, int target) {
-    FARLINK_LOG_AT(kAuthDebug, source, line, "WARNING: set%s(%d, %d, %d)", label, -1, target,
-                   -1);
+    FARLINK_LOG_AT(kAuthDebug, source, line, "WARNING: set%s(%d, %d, %d)", label, -1, target, -1);
 }
 
 // Logs a failed switch with the error text of errno and leaves errno at 1,
@@ -34,10 +42,56 @@ void LogSwitchFailed(const char* source, int line, const char* label, int target
     char message[1024];
     std::memset(message, 0, sizeof(message));
     const char* text = strerror_r(errno, message, sizeof(message));
-    FARLINK_LOG_AT(kAuthError, source, line, "ERROR: set%s(%d, %d, %d) [%s]", label, -1, target,
-                   -1, text);
+    FARLINK_LOG_AT(kAuthError, source, line, "ERROR: set%s(%d, %d, %d) [%s]", label, -1, target, -1,
+                   text);
     errno = EPERM;
     FARLINK_LOG_AT(kAuthError, source, line, "ERROR: %s", step);
+}
+
+struct EventBaseFree {
+    void operator()(event_base* base) const { event_base_free(base); }
+};
+struct EvdnsBaseFree {
+    // Requests still pending are dropped without their callbacks.
+    void operator()(evdns_base* dns) const { evdns_base_free(dns, 0); }
+};
+struct AddrinfoFree {
+    void operator()(evutil_addrinfo* list) const { evutil_freeaddrinfo(list); }
+};
+struct SystemAddrinfoFree {
+    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+// Each entry replaces the text of its family, so the last one of each stays.
+void TakeAddresses(const addrinfo* list, std::string& ipv4, std::string& ipv6) {
+    char text[INET6_ADDRSTRLEN] = {};
+    for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+        if (entry->ai_addr == nullptr) continue;
+        if (entry->ai_family == AF_INET) {
+            const auto* address = reinterpret_cast<const sockaddr_in*>(entry->ai_addr);
+            inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text));
+            ipv4 = text;
+        } else {
+            const auto* address = reinterpret_cast<const sockaddr_in6*>(entry->ai_addr);
+            inet_ntop(entry->ai_family, &address->sin6_addr, text, sizeof(text));
+            ipv6 = text;
+        }
+    }
+}
+
+// Leaving a privileged section clears errno, so the rename's own is kept for
+// the log line.
+bool MoveFile(const std::string& from, const std::string& to, int& error) {
+    if (std::rename(from.c_str(), to.c_str()) == 0) return true;
+    error = errno;
+    return false;
+}
+
+addrinfo StreamHints() {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    return hints;
 }
 
 bool SwitchGroup(gid_t gid) { return setresgid(-1, gid, -1) == 0; }
@@ -192,4 +246,124 @@ bool IsFailoverEnable() {
 
 int SwitchRelay(bool enabled) {
     return enabled ? OrvorelaydServiceStart() : OrvorelaydServiceStop();
+}
+
+bool ReadJsonFile(const std::string& path, Json::Value& value) {
+    value = Json::Value();
+    std::ifstream in(path, std::ios::binary);
+    if (!in.is_open()) return false;
+    Json::Reader reader;
+    if (!reader.parse(in, value, false)) {
+        // No half-parsed document reaches a caller that ignores the result.
+        value = Json::Value();
+        FARLINK_LOG("bad json format [%s]", path.c_str());
+        RenameBadConfig(path);
+        return false;
+    }
+    return true;
+}
+
+bool RenameBadConfig(const std::string& path) {
+    const std::string badPath = path + ".bad";
+    int renameError = 0;
+    if (AS_ROOT(MoveFile(path, badPath, renameError))) return true;
+    errno = renameError;
+    FARLINK_LOG("rename %s to .bad failed. %m", path.c_str());
+    // A damaged file must not stay where the next read would find it.
+    AS_ROOT(unlink(path.c_str()));
+    return false;
+}
+
+bool WriteJsonFile(const char* path, Json::Value value) {
+    return AS_ROOT(ORVO::Relay::RelaydConf::WriteJsonFile(path, value));
+}
+
+bool WriteConfig(ORVO::Relay::Config* config) {
+    if (config == nullptr) return false;
+    return AS_ROOT(config->Save());
+}
+
+bool SetConfig(Json::Value document, const std::string& key, ORVO::Relay::Config& config) {
+    if (!document.isObject() || !document.isMember(key)) return false;
+    if (!config.LoadFromJson(document[key])) return false;
+    return config.IsValid();
+}
+
+int WriteMiscConfigToFile(ORVO::Relay::MiscConf& config) {
+    if (!WriteConfig(&config)) {
+        FARLINK_LOG("Failed to write config");
+        return kApiErrFailed;
+    }
+    if (NotifyOrvorelayd() == -1) {
+        FARLINK_LOG("Fail to set notify orvorelayd");
+        return kApiErrFailed;
+    }
+    return kApiSuccess;
+}
+
+void GenerateServiceConfig() {
+    ORVO::Relay::ServicePermission permission(false);
+    AS_ROOT(permission.GenPermissionConf());
+}
+
+void dnsEventCallBack(int result, evutil_addrinfo* list, void* context) {
+    auto* dns = static_cast<DnsCallbackContext*>(context);
+    {
+        const std::unique_ptr<evutil_addrinfo, AddrinfoFree> owned(list);
+        if (result != 0) {
+            dns->succeeded = false;
+            FARLINK_LOG("Fail to resolve, evdns error: %s", evutil_gai_strerror(result));
+        } else {
+            TakeAddresses(list, dns->ipv4, dns->ipv6);
+            dns->succeeded = true;
+        }
+    }
+    event_base_loopexit(dns->base, nullptr);
+}
+
+bool DNSResolveWithTimeout(std::string host, std::string& ipv4, std::string& ipv6, int timeout,
+                           int attempts) {
+    // Declared in this order so that the DNS base is freed before its loop.
+    const std::unique_ptr<event_base, EventBaseFree> base(event_base_new());
+    const std::unique_ptr<evdns_base, EvdnsBaseFree> dns(
+        base ? evdns_base_new(base.get(), EVDNS_BASE_INITIALIZE_NAMESERVERS) : nullptr);
+    if (!dns) {
+        FARLINK_LOG("Fail to requset evdns resolve");
+        return false;
+    }
+    char option[255];
+    std::memset(option, 0, sizeof(option));
+    std::snprintf(option, sizeof(option), "%d", timeout);
+    evdns_base_set_option(dns.get(), "timeout", option);
+    std::snprintf(option, sizeof(option), "%d", attempts);
+    evdns_base_set_option(dns.get(), "attempts", option);
+    // A name server counts as down after as many time-outs as there are tries.
+    evdns_base_set_option(dns.get(), "max-timeouts", option);
+
+    DnsCallbackContext context{base.get(), "", "", false};
+    const evutil_addrinfo hints = StreamHints();
+    if (evdns_getaddrinfo(dns.get(), host.c_str(), nullptr, &hints, dnsEventCallBack, &context) !=
+        nullptr) {
+        event_base_dispatch(base.get());
+        ipv4 = context.ipv4;
+        ipv6 = context.ipv6;
+    } else {
+        // Also the way of an answer the resolver had at once: the callback
+        // has run already and its addresses are not handed on.
+        FARLINK_LOG("Fail to requset evdns resolve");
+    }
+    return context.succeeded;
+}
+
+bool DNSResolve(const std::string& host, std::string& ipv4, std::string& ipv6) {
+    const addrinfo hints = StreamHints();
+    addrinfo* list = nullptr;
+    const int result = getaddrinfo(host.c_str(), nullptr, &hints, &list);
+    const std::unique_ptr<addrinfo, SystemAddrinfoFree> owned(list);
+    if (result != 0) {
+        FARLINK_LOG("failed to resolve hostname \"%s\": %s", host.c_str(), gai_strerror(result));
+        return false;
+    }
+    TakeAddresses(list, ipv4, ipv6);
+    return true;
 }

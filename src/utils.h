@@ -2,6 +2,8 @@
 // server access and account lookup. Every function logs its own failures.
 #pragma once
 
+#include <event2/util.h>
+#include <json/value.h>
 #include <orvo/relayd.h>
 
 #include <string>
@@ -25,3 +27,40 @@ bool IsFailoverEnable();
 
 // Starts the daemon when `enabled`, stops it otherwise; 0 or -1.
 int SwitchRelay(bool enabled);
+
+// Configuration files. Every write goes through the relay library's objects
+// inside a privileged section; a file that does not parse is moved aside to
+// "<path>.bad" (deleted if that fails).
+bool ReadJsonFile(const std::string& path, Json::Value& value);
+// True only when the file was moved to "<path>.bad".
+bool RenameBadConfig(const std::string& path);
+bool WriteJsonFile(const char* path, Json::Value value);
+bool WriteConfig(ORVO::Relay::Config* config);
+// Loads `document[key]` into `config`; false, with `config` untouched, when
+// the document is not an object or lacks the key.
+bool SetConfig(Json::Value document, const std::string& key, ORVO::Relay::Config& config);
+// 2908 when written and the daemon told, 2900 otherwise.
+int WriteMiscConfigToFile(ORVO::Relay::MiscConf& config);
+void GenerateServiceConfig();
+
+// Name resolution to one IPv4 and one IPv6 text (the last of each family in
+// the resolver's answer).
+struct event_base;
+
+struct DnsCallbackContext {
+    event_base* base;
+    std::string ipv4;
+    std::string ipv6;
+    bool succeeded;
+};
+
+// Completion of evdns_getaddrinfo: takes and frees `list`, ends the loop.
+void dnsEventCallBack(int result, evutil_addrinfo* list, void* context);
+// Bounded by `timeout` seconds per try and `attempts` tries. An answer the
+// resolver had at once (a numeric address, the hosts file) leaves `ipv4` and
+// `ipv6` as they were and still counts as success.
+bool DNSResolveWithTimeout(std::string host, std::string& ipv4, std::string& ipv6, int timeout,
+                           int attempts);
+// The system resolver, blocking; a family without an address leaves its
+// output as it was.
+bool DNSResolve(const std::string& host, std::string& ipv4, std::string& ipv6);
