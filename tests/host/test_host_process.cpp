@@ -16,18 +16,15 @@
 namespace farlink::host::test {
 namespace {
 
-const std::vector<std::string> kListenArgs = {"--listen", "127.0.0.1:0", "--password", "pw"};
-
 std::vector<std::string> WithModule(const std::string& module, std::vector<std::string> more = {}) {
-    std::vector<std::string> args = {"--module", module};
-    args.insert(args.end(), more.begin(), more.end());
-    return args;
+    more.insert(more.begin(), {"--module", module});
+    return more;
 }
 
+// With a listening address and a password as well.
 std::vector<std::string> Serving(const std::string& module, std::vector<std::string> more = {}) {
-    std::vector<std::string> args = WithModule(module, kListenArgs);
-    args.insert(args.end(), more.begin(), more.end());
-    return args;
+    more.insert(more.begin(), {"--listen", "127.0.0.1:0", "--password", "pw"});
+    return WithModule(module, more);
 }
 
 void ExpectRefusal(HostProcess& host, const std::string& reason) {
@@ -117,28 +114,24 @@ TEST(HostStartup, ServesOnAnInheritedListeningSocket) {
 std::string StatusLine(pid_t pid, const std::string& key) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.rfind(key, 0) == 0) {
-            std::istringstream fields(line.substr(key.size()));
-            std::string joined, field;
-            while (fields >> field) joined += (joined.empty() ? "" : " ") + field;
-            return joined;
-        }
+        if (line.rfind(key, 0) != 0) continue;
+        std::istringstream fields(line.substr(key.size()));
+        std::string joined, field;
+        while (fields >> field) joined += (joined.empty() ? "" : " ") + field;
+        return joined;
     }
     return "";
 }
 
-TEST(HostPrivileges, ServesWithServiceIdsWhileRealAndSavedStayRoot) {
-    HostProcess host(Serving(TEST_MODULE_PATH));
+// The host serves with the service user's ids, real and saved ids root,
+// and takes back a handler's left-over root.
+TEST(HostPrivileges, ServiceIdsAndLeftOverRootIsRestoredAndReported) {
+    const std::string log = TempPath("access");
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
     EXPECT_EQ(StatusLine(host.Pid(), "Gid:"), "0 65534 0 65534");
     EXPECT_EQ(StatusLine(host.Pid(), "Groups:"), "65534");
-}
-
-TEST(HostPrivileges, LeftOverRootIsRestoredAndReported) {
-    const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log}));
-    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     HttpResult login = Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=pw");
     const std::string cookie = "id=" + login.json["data"]["sid"].asString();
     const std::string entry = host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=";
@@ -157,14 +150,6 @@ TEST(HostPrivileges, LeftOverRootIsRestoredAndReported) {
               std::string::npos)
         << host.StderrText();
     unlink(log.c_str());
-}
-
-bool WaitForFile(const std::string& path) {
-    for (int i = 0; i < 500; ++i) {
-        if (access(path.c_str(), F_OK) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
 }
 
 TEST(HostShutdown, SigtermFinishesTheRequestInFlightThenExitsZero) {

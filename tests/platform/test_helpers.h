@@ -1,7 +1,6 @@
 // Small helpers shared by the platform tests.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -33,9 +32,7 @@ inline std::string ReadFile(const std::string& path) {
 inline std::vector<std::string> ReadLines(const std::string& path) {
     std::ifstream in(path);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
@@ -43,32 +40,12 @@ inline std::vector<std::string> ReadLines(const std::string& path) {
 // background processes that have no other completion signal.
 inline bool WaitUntil(const std::function<bool()>& done,
                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
-}
-
-// Children of this process that have exited but were not reaped.
-inline int CountZombieChildren() {
-    int zombies = 0;
-    std::string self = std::to_string(::getpid());
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        std::string stat = ReadFile(entry.path().string() + "/stat");
-        std::size_t nameEnd = stat.rfind(')');
-        if (nameEnd == std::string::npos) {
-            continue;
-        }
-        std::istringstream fields(stat.substr(nameEnd + 2));
-        std::string state, parent;
-        fields >> state >> parent;
-        zombies += state == "Z" && parent == self;
-    }
-    return zombies;
 }
 
 // A fresh directory under /tmp, removed with everything in it.

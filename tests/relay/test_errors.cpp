@@ -9,31 +9,23 @@ using namespace ORVO::Relay;
 
 namespace {
 
-Json::Value WithErrno(const Json::Value& number) {
-    Json::Value answer(Json::objectValue);
-    answer["errno"] = number;
-    return answer;
-}
-
-TEST(ParseServerError, ReadsOnlyIntegerErrorNumbersOfObjects) {
+TEST(ServerErrors, OnlyIntegerErrorNumbersOfObjectsAreReadAndEachTranslates) {
+    const auto withErrno = [](const Json::Value& number) {
+        Json::Value answer(Json::objectValue);
+        answer["errno"] = number;
+        return answer;
+    };
     EXPECT_EQ(ParseServerError(Json::Value(Json::objectValue)), RELAYSERVER_OK);
-    EXPECT_EQ(ParseServerError(WithErrno(0)), RELAYSERVER_OK);
-    EXPECT_EQ(ParseServerError(WithErrno(6)), RELAYSERVER_ERR_ALIAS_TAKEN);
-    EXPECT_EQ(ParseServerError(WithErrno(3.0)), RELAYSERVER_ERR_AUTH);
-    EXPECT_EQ(static_cast<int>(ParseServerError(WithErrno(99))), 99);
-
-    for (const Json::Value& bad : {Json::Value("3"), Json::Value(true), Json::Value(),
-                                   Json::Value(2.5), Json::Value(1e12)}) {
-        SCOPED_TRACE(bad.toStyledString());
-        EXPECT_EQ(ParseServerError(WithErrno(bad)), RELAYSERVER_ERR_MALFORMED);
+    EXPECT_EQ(ParseServerError(withErrno(0)), RELAYSERVER_OK);
+    EXPECT_EQ(ParseServerError(withErrno(6)), RELAYSERVER_ERR_ALIAS_TAKEN);
+    EXPECT_EQ(ParseServerError(withErrno(3.0)), RELAYSERVER_ERR_AUTH);
+    EXPECT_EQ(static_cast<int>(ParseServerError(withErrno(99))), 99);
+    for (const Json::Value& bad :
+         {withErrno("3"), withErrno(true), withErrno(Json::Value()), withErrno(2.5),
+          withErrno(1e12), Json::Value(), Json::Value(Json::arrayValue), Json::Value("errno")}) {
+        EXPECT_EQ(ParseServerError(bad), RELAYSERVER_ERR_MALFORMED) << bad.toStyledString();
     }
-    for (const Json::Value& notObject :
-         {Json::Value(), Json::Value(Json::arrayValue), Json::Value("errno")}) {
-        EXPECT_EQ(ParseServerError(notObject), RELAYSERVER_ERR_MALFORMED);
-    }
-}
 
-TEST(RespErrMap, TranslatesEveryServerError) {
     const std::pair<RELAYSERVER_ERR, RELAYD_RET> table[] = {
         {RELAYSERVER_OK, RELAYD_OK},
         {RELAYSERVER_ERR_UNKNOWN_COMMAND, RELAYD_ERR_UNSUPPORTED},
@@ -51,12 +43,9 @@ TEST(RespErrMap, TranslatesEveryServerError) {
         {RELAYSERVER_ERR_UNSUPPORTED_VERSION, RELAYD_ERR_UNSUPPORTED},
         {RELAYSERVER_ERR_VIOLATION, RELAYD_ERR_VIOLATION},
         {RELAYSERVER_ERR_MALFORMED, RELAYD_ERR_BAD_RESPONSE},
-        {static_cast<RELAYSERVER_ERR>(99), RELAYD_ERR_UNKNOWN},
-        {static_cast<RELAYSERVER_ERR>(-7), RELAYD_ERR_UNKNOWN},
-    };
-    for (const auto& [error, expected] : table) {
-        EXPECT_EQ(RespErrMap(error), expected) << "server error " << error;
-    }
+        {RELAYSERVER_ERR(99), RELAYD_ERR_UNKNOWN},
+        {RELAYSERVER_ERR(-7), RELAYD_ERR_UNKNOWN}};
+    for (const auto& [error, expected] : table) EXPECT_EQ(RespErrMap(error), expected) << error;
 }
 
 TEST(ResultTexts, EveryResultHasItsOwnText) {

@@ -1,7 +1,7 @@
 // BoxTest: the GoogleTest fixture for test programs that run inside the
 // emulated box (`world/farlink-box -- <test program>`). It talks to the
 // box's web API host, reads the box's system log and drives the emulated
-// platform's state files and the control server.
+// platform's state files.
 //
 // SetUp puts the box back to its initial state before every test: the relay
 // daemon stopped, the relay configuration directory, /etc/orvoinfo.conf,
@@ -32,91 +32,42 @@ struct SyslogLine {
     std::string raw;      // the line as written, priority prefix included
 };
 
-// Parses one line of run/syslog.log; also useful for tests of the parser.
-SyslogLine ParseSyslogLine(const std::string& raw);
-
 class BoxTest : public ::testing::Test {
+public:
+    static std::string ReadFile(const std::string& path);
+    // Rewrites the file in place (same inode: bind-mounted files stay bound).
+    static void WriteFile(const std::string& path, const std::string& content);
+    static Json::Value ReadJson(const std::string& path);
+    static std::vector<std::string> ReadLines(const std::string& path);
+    // The relay daemon's emulation controls (see docs/relay-library.md).
+    static void WriteDaemonEmulation(const Json::Value& controls);
+
 protected:
     using Milliseconds = std::chrono::milliseconds;
 
     void SetUp() override;
 
-    // --- the web API host ----------------------------------------------------
-
     // Calls one API method through the host (logged in once per program) and
     // returns the host's whole answer ({"success":..., "data"|"error":...}).
-    // Afterwards it checks that the host has given up root again.
+    // Afterwards it expects the host's effective ids to be the service
+    // user's again, and its real and saved ids root.
     Json::Value Call(const std::string& api, int version, const std::string& method,
                      const Json::Value& params = Json::Value(Json::objectValue));
-    pid_t HostPid() const;
-    // Expects the host's effective ids to be the service user's, and its
-    // real and saved ids root.
-    void ExpectHostIdsDropped() const;
 
-    // --- the system log --------------------------------------------------------
-
-    // Position in the log now; SetUp takes one (syslogMark_).
-    std::uintmax_t SyslogMark() const;
-    std::vector<SyslogLine> SyslogSince(std::uintmax_t mark) const;
-    std::vector<SyslogLine> SyslogSinceSetUp() const { return SyslogSince(syslogMark_); }
-    // The first line since SetUp whose message contains `text`, waiting up to
-    // `limit` for it (messages from other processes arrive asynchronously).
-    std::optional<SyslogLine> WaitForSyslog(const std::string& text,
-                                            Milliseconds limit = Milliseconds(5000)) const;
+    // The system log: a position in it (SetUp takes one, syslogMark_) and
+    // the lines since SetUp's mark.
+    static std::uintmax_t SyslogMark();
+    std::vector<SyslogLine> SyslogSinceSetUp() const;
     // The first line since SetUp logged by `source` ("utils:..") with exactly
-    // `message`, waiting as WaitForSyslog does.
+    // `message`, waiting up to `limit` for it (messages from other processes
+    // arrive asynchronously).
     std::optional<SyslogLine> WaitForLogged(const std::string& source, const std::string& message,
                                             Milliseconds limit = Milliseconds(5000)) const;
 
-    // --- the control server ------------------------------------------------------
-
-    void ResetControlServer();
-    void SetControlFault(const Json::Value& fault);
-    void SetControlSite(const Json::Value& site);
-    Json::Value ControlRecords();
-
-    // --- files -------------------------------------------------------------------
-
-    static std::string ReadFile(const std::string& path);
-    // Rewrites the file in place (same inode: bind-mounted files stay bound).
-    static void WriteFile(const std::string& path, const std::string& content);
-    static Json::Value ReadJson(const std::string& path);
-    static void WriteJson(const std::string& path, const Json::Value& value);
-    static std::vector<std::string> ReadLines(const std::string& path);
-
-    // A file of /usr/orvo/etc/orvorelayd by name ("misc.conf").
-    static std::string RelayConfPath(const std::string& name);
-    static void WriteHostInfo(const std::string& content);  // /etc/orvoinfo.conf
-
-    // --- the relay daemon and the services around it -----------------------------
-
     static bool DaemonRunning();
     static std::optional<pid_t> DaemonPid();
-    static std::string DaemonStatus();  // the status file, "" when absent
-    static void WriteDaemonEmulation(const Json::Value& controls);
-    static void WriteAccount(const Json::Value& state);
-    static std::vector<std::string> KivoQueries();
-    static std::vector<std::string> SystemdReloads();
-    static std::vector<std::string> CloudServiceActions();
-
-    // Runs a program of the box and returns its exit status (-1 if it could
-    // not be run or was killed).
-    static int RunProgram(const std::vector<std::string>& argv);
 
     std::uintmax_t syslogMark_ = 0;
-};
-
-// While it lives, the box's resolver points at a name server that takes
-// queries and never answers; /etc/resolv.conf is rewritten in place.
-class ScopedDnsOutage {
-public:
-    ScopedDnsOutage();
-    ~ScopedDnsOutage();
-    ScopedDnsOutage(const ScopedDnsOutage&) = delete;
-    ScopedDnsOutage& operator=(const ScopedDnsOutage&) = delete;
-
-private:
-    std::string saved_;
 };
 
 // While it lives, `path` exists but cannot be executed (its mode is 0644),
