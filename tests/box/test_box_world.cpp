@@ -1,15 +1,12 @@
-// Self-tests of the emulated box: its name server, system log, control
-// server certificate and the fixture's reset. Runs inside a box.
+// Self-tests of the emulated box: its name server and the fixture's reset.
+// Runs inside a box.
 #include <arpa/inet.h>
 #include <arpa/nameser.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 #include <resolv.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -75,39 +72,6 @@ TEST_F(BoxWorldTest, NameServerAnswersForTheDeployment) {
     for (int round = 0; round < 3; ++round) {
         for (const auto& c : cases) EXPECT_EQ(Query(c.name, c.type), c.answer) << c.name;
     }
-}
-
-TEST_F(BoxWorldTest, LogKeepsPrioritiesAndLocationsAndOneLinePerMessage) {
-    const std::string token = std::to_string(getpid());
-    openlog("boxself", LOG_PID, LOG_USER);
-    syslog(LOG_AUTH | LOG_DEBUG, "utils:42 WARNING: trace %s", token.c_str());
-    syslog(LOG_ERR, "farlink.sni.v1:7 two\nlines %s\n", token.c_str());
-    closelog();
-
-    const auto trace = WaitForLogged("utils", "WARNING: trace " + token);
-    ASSERT_TRUE(trace);
-    EXPECT_EQ(trace->priority, 39);
-    EXPECT_EQ(trace->ident, "boxself");
-    EXPECT_EQ(trace->line, 42);
-    const auto error = WaitForLogged("farlink.sni.v1", "two\\nlines " + token);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->priority, 11);
-    EXPECT_EQ(error->line, 7);
-}
-
-CURLcode FetchOverTls(const std::string& url) {
-    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 20L);
-    return curl_easy_perform(curl.get());
-}
-
-TEST_F(BoxWorldTest, ControlServerCertificateVerifiesWithTheBoxCa) {
-    EXPECT_EQ(FetchOverTls("https://global.farlink.test/"), CURLE_OK);
-    EXPECT_EQ(FetchOverTls("https://cnc.farlink-cn.test/"), CURLE_OK);
-    // The certificate names host names only.
-    EXPECT_EQ(FetchOverTls("https://127.0.10.1/"), CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST_F(BoxWorldTest, SetUpRestoresFilesInPlace) {

@@ -84,32 +84,6 @@ TEST(HostStartup, RefusesToStartWithoutRoot) {
     ExpectRefusal(host, "must be started as root");
 }
 
-// The box binds the port in the machine's namespace and hands it over.
-TEST(HostStartup, ServesOnAnInheritedListeningSocket) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(fd, 16), 0);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    const std::string expected = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-
-    const std::string passwordPath = TempPath("password");
-    std::ofstream(passwordPath) << "from-file\nignored second line\n";
-    HostProcess host(WithModule(
-        TEST_MODULE_PATH, {"--listen-fd", std::to_string(fd), "--password-file", passwordPath}));
-    close(fd);
-    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
-    EXPECT_EQ(host.BaseUrl(), "http://" + expected);
-    HttpResult login =
-        Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=from-file");
-    EXPECT_EQ(login.json["success"], true) << login.body;
-    unlink(passwordPath.c_str());
-}
-
 // "Uid:" / "Gid:" lines: real, effective, saved, filesystem.
 std::string StatusLine(pid_t pid, const std::string& key) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");

@@ -15,20 +15,14 @@
 namespace {
 
 using platform_test::ReadFile;
-using platform_test::ReadLines;
 
 class KivoTest : public platform_test::PrivateRootTest {
 protected:
     static void WriteState(const std::string& json) {
         platform_test::WriteFile(ORVO::Paths::kKivoAccount, json);
     }
-    // Zero-filled like the module's record, so untouched bytes stay visible.
-    static std::unique_ptr<_tag_kivo_INFO_> NewRecord() {
-        return std::make_unique<_tag_kivo_INFO_>();
-    }
-    static int RunTool(std::vector<const char*> args) {
-        args.resize(3, nullptr);
-        return OLIBCExec(ORVOKIVO_TOOL, args[0], args[1], args[2], nullptr);
+    static int RunTool(const char* arg1, const char* arg2 = nullptr, const char* arg3 = nullptr) {
+        return OLIBCExec(ORVOKIVO_TOOL, arg1, arg2, arg3, nullptr);
     }
     static Json::Value Parse(const std::string& text) {
         Json::Value value;
@@ -36,32 +30,12 @@ protected:
         EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr));
         return value;
     }
-    static Json::Value State() { return Parse(ReadFile(ORVO::Paths::kKivoAccount)); }
+    // Zero-filled like the module's record, so untouched bytes stay visible.
+    std::unique_ptr<_tag_kivo_INFO_> info_ = std::make_unique<_tag_kivo_INFO_>();
 };
 
-TEST_F(KivoTest, AccountGetFillsTheRecord) {
-    WriteState(R"({"account": "alice", "kivo_id": "K-1", "auth_key": "secret",
-                   "email": "alice@example.test", "refresh": 1})");
-    auto info = NewRecord();
-    ASSERT_EQ(ORVOKIVOAccountGet(info.get()), 0);
-    EXPECT_STREQ(info->account, "alice");
-    EXPECT_STREQ(info->kivoId, "K-1");
-    EXPECT_STREQ(info->authKey, "secret");
-    EXPECT_STREQ(info->email, "alice@example.test");
-    EXPECT_EQ(info->refreshFlag, 1);
-
-    WriteState(R"({"account": ")" + std::string(9000, 'a') +
-               R"(", "kivo_id": 12, "refresh": "1"})");
-    info = NewRecord();
-    ASSERT_EQ(ORVOKIVOAccountGet(info.get()), 0);
-    EXPECT_EQ(std::strlen(info->account), sizeof info->account - 1) << "truncated in its slot";
-    EXPECT_EQ(info->kivoId[0], '\0') << "a number is not an identifier";
-    EXPECT_EQ(info->refreshFlag, 0);
-}
-
-TEST_F(KivoTest, FailuresReportTheirCodeOnTheCallingThread) {
-    auto info = NewRecord();
-    const std::pair<const char*, int> cases[] = {
+TEST_F(KivoTest, AccountGetFillsTheRecordOrFailsWithItsCode) {
+    const std::pair<const char*, int> failures[] = {
         {nullptr, KIVO_ERR_NOT_BOUND},  // no file
         {R"({"bound": false, "account": "alice"})", KIVO_ERR_NOT_BOUND},
         {"{ broken", KIVO_ERR_STATE},
@@ -69,74 +43,79 @@ TEST_F(KivoTest, FailuresReportTheirCodeOnTheCallingThread) {
         {R"({"account": "alice", "get_error": 4})", KIVO_ERR_NETWORK},
         {R"({"bound": false, "get_error": 1})", KIVO_ERR_INTERNAL},
     };
-    for (const auto& [state, code] : cases) {
+    for (const auto& [state, code] : failures) {
         if (state != nullptr) WriteState(state);
-        EXPECT_EQ(ORVOKIVOAccountGet(info.get()), -1) << (state ? state : "no file");
+        EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), -1) << (state ? state : "no file");
         EXPECT_EQ(ORVOKIVOErrGet(), code) << (state ? state : "no file");
-        EXPECT_EQ(info->account[0], '\0') << "a failed call writes nothing";
+        EXPECT_EQ(info_->account[0], '\0') << "a failed call writes nothing";
     }
-    EXPECT_EQ(ORVOKIVOAccountGet(nullptr), -1);
-    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_INTERNAL);
-
-    int otherThreadCode = -1;
-    std::thread([&] {
-        WriteState(R"({"get_error": 4})");
-        ORVOKIVOAccountGet(info.get());
-        otherThreadCode = ORVOKIVOErrGet();
+    // The last error belongs to the calling thread.
+    WriteState("{ broken");
+    EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), -1);
+    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_STATE);
+    std::thread([] {
+        EXPECT_EQ(ORVOKIVOAccountGet(nullptr), -1);
+        EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_INTERNAL);
     }).join();
-    EXPECT_EQ(otherThreadCode, KIVO_ERR_NETWORK);
-    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_INTERNAL);
+    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_STATE);
+
+    WriteState(R"({"account": "alice", "kivo_id": "K-1", "auth_key": "secret",
+                   "email": "alice@example.test", "refresh": 1})");
+    ASSERT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
+    EXPECT_STREQ(info_->account, "alice");
+    EXPECT_STREQ(info_->kivoId, "K-1");
+    EXPECT_STREQ(info_->authKey, "secret");
+    EXPECT_STREQ(info_->email, "alice@example.test");
+    EXPECT_EQ(info_->refreshFlag, 1);
+    WriteState(R"({"account": ")" + std::string(9000, 'a') + R"(", "kivo_id": 12})");
+    info_ = std::make_unique<_tag_kivo_INFO_>();
+    ASSERT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
+    EXPECT_EQ(std::strlen(info_->account), sizeof info_->account - 1) << "truncated in its slot";
+    EXPECT_EQ(info_->kivoId[0], '\0') << "a number is not an identifier";
 }
 
 TEST_F(KivoTest, QueryInfoItsOwnFaultControlAndRealnameValidation) {
     EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << "no account";
     WriteState(R"({"account": "", "kivo_id": "K-1", "email": "a@example.test",
-                   "auth_key": "secret", "get_error": 4})");
+                   "auth_key": "secret", "get_error": 4, "realname_validated": true})");
     Json::Value details;
     ASSERT_EQ(ORVOKIVOAccountQueryInfo(details, true, true), 0);
     EXPECT_EQ(details, Parse(R"({"email": "a@example.test", "account": "", "kivo_id": "K-1"})"));
+    EXPECT_TRUE(orvokivo::User().GetIsRealnameValidationPass());
 
-    WriteState(R"({"account": "alice", "query_error": 4, "realname_validated": true})");
-    EXPECT_EQ(ORVOKIVOAccountGet(NewRecord().get()), 0);
+    WriteState(R"({"account": "alice", "query_error": 4, "realname_validated": "true"})");
+    EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
     Json::Value untouched("before");
     EXPECT_EQ(ORVOKIVOAccountQueryInfo(untouched, true, true), -1);
     EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_NETWORK);
     EXPECT_EQ(untouched, "before");
-    EXPECT_TRUE(orvokivo::User().GetIsRealnameValidationPass());
-    for (const char* state : {R"({"account": "alice", "realname_validated": "true"})",
-                              R"({"bound": false, "realname_validated": true})"}) {
-        WriteState(state);
-        EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << state;
-    }
+    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << "only the boolean true";
 }
 
-TEST_F(KivoTest, ToolQueryClearsRefreshAndKeepsEverythingElse) {
-    WriteState(R"({"account": "alice", "refresh": 1, "get_error": 4, "auth_key": "secret"})");
+TEST_F(KivoTest, ToolQueryClearsRefreshKeepsEverythingElseAndRefusesUsageErrors) {
+    EXPECT_EQ(RunTool("--query_account"), 0) << "nothing bound, nothing to refresh";
+    const std::string state = R"({"account": "alice", "refresh": 1, "get_error": 4})";
+    WriteState(state);
     ::chmod(ORVO::Paths::kKivoAccount, 0600);
-    EXPECT_EQ(RunTool({"--query_account", "--cache"}), 0);
-    EXPECT_EQ(State()["refresh"], 1) << "the cache leaves the flag";
-    EXPECT_EQ(RunTool({"--query_account"}), 0);
-    EXPECT_EQ(State()["refresh"], 0);
-    EXPECT_EQ(State()["account"], "alice");
-    EXPECT_EQ(State()["get_error"], 4);
+    EXPECT_EQ(RunTool("--query_account", "--cache"), 0);
+    EXPECT_EQ(ReadFile(ORVO::Paths::kKivoAccount), state) << "the cache leaves the flag";
+    EXPECT_EQ(RunTool("--query_account"), 0);
+    EXPECT_EQ(Parse(ReadFile(ORVO::Paths::kKivoAccount)),
+              Parse(R"({"account": "alice", "refresh": 0, "get_error": 4})"));
     struct stat st;
     ASSERT_EQ(::stat(ORVO::Paths::kKivoAccount, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u) << "the secret must not become readable";
-    EXPECT_EQ(ReadLines(ORVO::Paths::kKivoQueryLog),
-              (std::vector<std::string>{"--query_account --cache", "--query_account"}));
-}
 
-TEST_F(KivoTest, ToolWithoutAccountBrokenStateAndUsageErrors) {
-    EXPECT_EQ(RunTool({"--query_account"}), 0) << "nothing bound, nothing to refresh";
     WriteState("{ broken");
-    EXPECT_EQ(RunTool({"--query_account"}), 1);
+    EXPECT_EQ(RunTool("--query_account"), 1);
     EXPECT_EQ(ReadFile(ORVO::Paths::kKivoAccount), "{ broken");
-    using Args = std::vector<const char*>;
-    for (const Args& args :
-         {Args{}, Args{"--cache"}, Args{"--cache", "--query_account"},
-          Args{"--query_account", "--other"}, Args{"--query_account", "--cache", "x"}})
-        EXPECT_EQ(RunTool(args), 2);
-    EXPECT_EQ(ReadLines(ORVO::Paths::kKivoQueryLog).size(), 2u) << "usage errors are not recorded";
+    EXPECT_EQ(RunTool(nullptr), 2);
+    EXPECT_EQ(RunTool("--cache"), 2);
+    EXPECT_EQ(RunTool("--cache", "--query_account"), 2);
+    EXPECT_EQ(RunTool("--query_account", "--other"), 2);
+    EXPECT_EQ(RunTool("--query_account", "--cache", "x"), 2);
+    EXPECT_EQ(platform_test::ReadLines(ORVO::Paths::kKivoQueryLog).size(), 4u)
+        << "every run but a usage error is recorded";
 }
 
 }  // namespace
