@@ -41,7 +41,7 @@ protected:
     }
 
     bool FailoverWith(const std::string& hostInfo) {
-        WriteFile(ORVO::Paths::kHostInfo, hostInfo);
+        EXPECT_TRUE(WriteFile(ORVO::Paths::kHostInfo, hostInfo));
         return AsHost([] { return IsFailoverEnable(); });
     }
 
@@ -167,7 +167,7 @@ TEST_F(UtilsTest, FailoverCheckThatExitsNonZeroOrUnreadableSettingsMeanDisabled)
     EXPECT_FALSE(FailoverWith(""));
     EXPECT_TRUE(Logged("Fail to exec orvorelayd --check-failover"));
 
-    WriteFile(ORVO::Paths::kHostInfo, "farlink_enable_failover=\"true\"\n");
+    ASSERT_TRUE(WriteFile(ORVO::Paths::kHostInfo, "farlink_enable_failover=\"true\"\n"));
     ASSERT_EQ(chmod(ORVO::Paths::kHostInfo, 0600), 0);
     EXPECT_FALSE(AsHost([] { return IsFailoverEnable(); }));
     ASSERT_EQ(chmod(ORVO::Paths::kHostInfo, 0644), 0);

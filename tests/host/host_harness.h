@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "test_files.h"
+
 namespace Json {
 // Readable values in test failure messages.
 inline void PrintTo(const Value& value, std::ostream* out) { *out << value.toStyledString(); }
@@ -168,21 +170,7 @@ inline std::string Query(const std::vector<std::pair<std::string, std::string>>&
     return query;
 }
 
-// The access log's lines.
-inline std::vector<std::string> ReadLines(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
-    return lines;
-}
-
-// Waits up to five seconds for `path` to exist (a handler's sign of life).
-inline bool WaitForFile(const std::string& path) {
-    for (int i = 0; i < 500; ++i) {
-        if (access(path.c_str(), F_OK) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
+using farlink_test::ReadLines;
+using farlink_test::WaitUntil;
 
 }  // namespace farlink::host::test

@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <future>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -115,11 +116,22 @@ TEST(HostPrivileges, ServiceIdsAndLeftOverRootIsRestoredAndReported) {
     EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
     Fetch("GET", entry + "succeed_empty", "", "", cookie);
 
-    std::vector<std::string> lines = ReadLines(log);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[1].find(" Test.Host/1/leak_root ok "), std::string::npos) << lines[1];
-    EXPECT_NE(lines[1].find(" ids-restored "), std::string::npos) << lines[1];
-    EXPECT_NE(lines[2].find(" ids-ok "), std::string::npos) << lines[2];
+    Fetch("PUT", host.BaseUrl() + "/webapi/entry.cgi?x");
+
+    // One line per request: TIME CLIENT METHOD PATH STATUS CALL RESULT LATENCY IDS ANSWERS
+    const std::vector<std::string> lines = ReadLines(log);
+    ASSERT_EQ(lines.size(), 4u);
+    const std::string line = R"(\S+Z 127\.0\.0\.1:\d+ (GET|PUT) /webapi/(auth|entry)\.cgi )";
+    EXPECT_TRUE(std::regex_match(
+        lines[1],
+        std::regex(line + "200 Test\\.Host/1/leak_root ok \\d+us ids-restored answers=1")))
+        << lines[1];
+    EXPECT_TRUE(std::regex_match(
+        lines[2], std::regex(line + "200 Test\\.Host/1/succeed_empty ok \\d+us ids-ok answers=1")))
+        << lines[2];
+    EXPECT_TRUE(
+        std::regex_match(lines[3], std::regex(line + "405 - error=108 \\d+us ids-ok answers=0")))
+        << lines[3];
     EXPECT_NE(host.StderrText().find("WARNING: a handler left effective ids 0/65534"),
               std::string::npos)
         << host.StderrText();
@@ -143,7 +155,7 @@ TEST(HostShutdown, SigtermFinishesTheRequestInFlightThenExitsZero) {
                          Query({{"started", started}}),
                      "", "", "id=" + login.json["data"]["sid"].asString());
     });
-    ASSERT_TRUE(WaitForFile(started));
+    ASSERT_TRUE(WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
     kill(host.Pid(), SIGTERM);
 
     HttpResult answer = slow.get();

@@ -59,7 +59,7 @@ TEST_F(KeyValueTest, UnreadableFilesAndBadArguments) {
     char buffer[16] = "untouched";
     EXPECT_EQ(OLIBCFileGetKeyValue(missing.c_str(), "k", buffer, sizeof buffer, 0), -1);
     EXPECT_STREQ(buffer, "");
-    EXPECT_EQ(OLIBCFileGetKeyValue(dir_.Path().c_str(), "k", buffer, sizeof buffer, 0), -1)
+    EXPECT_EQ(OLIBCFileGetKeyValue(dir_.path().c_str(), "k", buffer, sizeof buffer, 0), -1)
         << "a directory is not a readable file";
     EXPECT_EQ(OLIBCFileCheckKeyValue(missing.c_str(), "k", "v", 0), -1);
 

@@ -8,61 +8,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "test_files.h"
 
 namespace relay_test {
 
-// A scratch directory removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = std::filesystem::temp_directory_path() / "relaytest.XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    // Names of the directory's entries, sorted.
-    std::vector<std::string> Entries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(path_))
-            names.push_back(entry.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-private:
-    std::string path_;
-};
-
-inline std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-inline void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
+using farlink_test::ReadFile;
+using farlink_test::TempDir;
+using farlink_test::WaitUntil;
+using farlink_test::WriteFile;
 
 // The parsed text or file; a null value when missing or not JSON.
 inline Json::Value ParseJson(const std::string& text) {
@@ -71,7 +31,7 @@ inline Json::Value ParseJson(const std::string& text) {
     if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) return {};
     return value;
 }
-inline Json::Value ReadJson(const std::string& path) { return ParseJson(ReadText(path)); }
+inline Json::Value ReadJson(const std::string& path) { return ParseJson(ReadFile(path)); }
 
 struct ProgramResult {
     int exitStatus = -1;  // -1 when it did not exit normally
@@ -101,16 +61,6 @@ inline void ResetRelayFolders() {
         std::filesystem::remove_all(dir);
         std::filesystem::create_directories(dir);
     }
-}
-
-// Polls `condition` until it holds or `limitSeconds` pass; true if it held.
-inline bool Eventually(const std::function<bool()>& condition, int limitSeconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limitSeconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
 }
 
 // Reaps finished children (the daemons, orphaned to this subreaper); true

@@ -13,9 +13,9 @@
 using namespace ORVO::Relay;
 using ORVO::Relay::internal::WriteFileAtomically;
 using relay_test::ParseJson;
+using relay_test::ReadFile;
 using relay_test::ReadJson;
-using relay_test::ReadText;
-using relay_test::WriteText;
+using relay_test::WriteFile;
 
 namespace {
 
@@ -61,7 +61,7 @@ TEST_F(ConfFile, FreshDefaultsSatisfyTheHandlersAndRoundTrip) {
 }
 
 TEST_F(ConfFile, SectionSavesKeepTheRestOfTheDocument) {
-    WriteText(path, R"({"server_alias": {"alias": "old"}, "kivo": {"account": "a@b.test"},
+    WriteFile(path, R"({"server_alias": {"alias": "old"}, "kivo": {"account": "a@b.test"},
         "server_control": {"host": "site.test", "region": "us"}, "server_id": "S1",
         "extra": {"kept": true}})");
     AliasConf alias(path.c_str());
@@ -94,7 +94,7 @@ TEST_F(ConfFile, SectionSavesKeepTheRestOfTheDocument) {
 TEST_F(ConfFile, UnusableFilesGiveDefaultsAndRefusedValuesChangeNothing) {
     for (const char* text : {"{not json", "[1, 2]", "", R"({"server_control": {"host": 7}})",
                              R"({"server_alias": {"alias": "x"}, "server_id": 12})"}) {
-        WriteText(path, text);
+        WriteFile(path, text);
         RelaydConf conf(path.c_str());
         EXPECT_EQ(conf.serverControl.GetHost(), FARLINK_PRIMARY_CONTROL_HOST) << text;
         EXPECT_EQ(conf.serverAlias.GetAliasName(), "") << text;
@@ -107,11 +107,11 @@ TEST_F(ConfFile, UnusableFilesGiveDefaultsAndRefusedValuesChangeNothing) {
 
     RelaydConf conf(path.c_str());
     ASSERT_TRUE(conf.Save());
-    const std::string before = ReadText(path);
+    const std::string before = ReadFile(path);
     EXPECT_FALSE(conf.serverAlias.SetAliasName(std::string(64, 'a')));
     EXPECT_FALSE(conf.WriteControlServerHost("", ""));
     EXPECT_EQ(conf.serverControl.GetHost(), FARLINK_PRIMARY_CONTROL_HOST);
-    EXPECT_EQ(ReadText(path), before);
+    EXPECT_EQ(ReadFile(path), before);
 }
 
 TEST(ServerRecord, LoadingAndOverwriteAreAllOrNothingAndChecked) {
@@ -154,7 +154,7 @@ TEST(ServerRecord, UrlForm) {
 TEST(MiscConfFile, DefaultsLoadFlagOverwriteAndBadFiles) {
     const relay_test::TempDir dir;
     const std::string path = dir / "misc.conf";
-    WriteText(path, R"({"upnp": {"enabled": true}, "vendor": 3})");
+    WriteFile(path, R"({"upnp": {"enabled": true}, "vendor": 3})");
     Json::Value defaults, loaded, changedOnly;
     ASSERT_TRUE(MiscConf(path.c_str(), false).Write(defaults, true));
     EXPECT_EQ(defaults, ParseJson(R"({"relay_tunnel": {"relay_enabled": true},
@@ -170,7 +170,7 @@ TEST(MiscConfFile, DefaultsLoadFlagOverwriteAndBadFiles) {
     EXPECT_EQ(ReadJson(path)["relay_tunnel"]["relay_enabled"], false);
     EXPECT_EQ(ReadJson(path)["upnp"]["enabled"], true);
     for (const char* text : {"{broken", "[]", "42"}) {
-        WriteText(path, text);
+        WriteFile(path, text);
         Json::Value settings;
         EXPECT_TRUE(MiscConf(path.c_str(), true).Write(settings, true) && settings == defaults)
             << text;
@@ -186,7 +186,7 @@ protected:
 TEST_F(AtomicWrite, ReplacesContentWithModeOrKeepsTheOldFileAndLeavesNoTemporary) {
     ASSERT_TRUE(WriteFileAtomically(path, "one", 0600));
     ASSERT_TRUE(WriteFileAtomically(path, "two", 0644));
-    EXPECT_EQ(ReadText(path), "two");
+    EXPECT_EQ(ReadFile(path), "two");
     struct stat info {};
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0644u);
@@ -195,7 +195,7 @@ TEST_F(AtomicWrite, ReplacesContentWithModeOrKeepsTheOldFileAndLeavesNoTemporary
     // A directory in the target's place makes the final rename fail.
     const std::string blocked = dir / "blocked";
     ASSERT_EQ(mkdir(blocked.c_str(), 0755), 0);
-    WriteText(blocked + "/inside", "x");
+    WriteFile(blocked + "/inside", "x");
     EXPECT_FALSE(WriteFileAtomically(blocked, "new", 0644));
     EXPECT_EQ(dir.Entries(), (std::vector<std::string>{"blocked", "file.json"}));
     EXPECT_FALSE(WriteFileAtomically(dir / "missing/file", "new", 0644));
@@ -213,7 +213,7 @@ TEST_F(AtomicWrite, ConcurrentReaderNeverSeesATornFile) {
     });
     int reads = 0;
     while (!done) {
-        const std::string seen = ReadText(path);
+        const std::string seen = ReadFile(path);
         ASSERT_TRUE(seen == small || seen == large) << "torn read of " << seen.size() << " bytes";
         ++reads;
     }

@@ -12,22 +12,22 @@
 
 using namespace ORVO::Relay;
 namespace Paths = ORVO::Paths;
-using relay_test::Eventually;
+using relay_test::ReadFile;
 using relay_test::ReadJson;
-using relay_test::ReadText;
-using relay_test::WriteText;
+using relay_test::WaitUntil;
+using relay_test::WriteFile;
 
 namespace {
 
 constexpr const char kEmulationConf[] = "/usr/orvo/var/lib/orvorelayd/emulation.conf";
-constexpr int kSettleSeconds = 15;
+constexpr std::chrono::seconds kSettle(15);
 
 relay_test::ProgramResult Relayd(std::vector<std::string> args) {
     args.insert(args.begin(), RELAYD_PROGRAM);
     return relay_test::RunProgram(args);
 }
 
-pid_t DaemonPid() { return static_cast<pid_t>(std::atoi(ReadText(Paths::kRelaydPidFile).c_str())); }
+pid_t DaemonPid() { return static_cast<pid_t>(std::atoi(ReadFile(Paths::kRelaydPidFile).c_str())); }
 
 // The daemon's server ID as the library reports it.
 std::string ReportedServerId() {
@@ -57,7 +57,7 @@ protected:
         EXPECT_TRUE(relay_test::ChildrenEndedCleanly());
     }
 
-    static void SetEmulation(const std::string& text) { WriteText(kEmulationConf, text); }
+    static void SetEmulation(const std::string& text) { WriteFile(kEmulationConf, text); }
 
     static void StartDaemon() {
         ASSERT_EQ(Relayd({"--farlink", "on"}).exitStatus, 0);
@@ -66,17 +66,16 @@ protected:
 
     // Waits until the daemon reports `status` and `error`.
     static bool Reports(const std::string& status, const std::string& error) {
-        return Eventually(
+        return WaitUntil(
             [&] {
                 std::string id, s, e;
                 return Daemon::GetStatus(id, s, e) && s == status && e == error;
             },
-            kSettleSeconds);
+            kSettle);
     }
 
     static bool StatusMemberReaches(const char* key, int value) {
-        return Eventually([&] { return ReadJson(Paths::kRelaydStatus)[key] == value; },
-                          kSettleSeconds);
+        return WaitUntil([&] { return ReadJson(Paths::kRelaydStatus)[key] == value; }, kSettle);
     }
 };
 
@@ -101,24 +100,24 @@ TEST_F(DaemonProgram, OnOffStatusAndUsage) {
 }
 
 TEST_F(DaemonProgram, CheckFailoverRewritesTheKeyInPlace) {
-    WriteText(Paths::kHostInfo, "a=\"1\"\nfarlink_enable_failover=\"true\"\nb=\"2\"\n");
+    WriteFile(Paths::kHostInfo, "a=\"1\"\nfarlink_enable_failover=\"true\"\nb=\"2\"\n");
     struct stat before {
     }, after{};
     ASSERT_EQ(stat(Paths::kHostInfo, &before), 0);
     EXPECT_EQ(Relayd({"--check-failover"}).exitStatus, 0);
-    EXPECT_EQ(ReadText(Paths::kHostInfo), "a=\"1\"\nfarlink_enable_failover=\"false\"\nb=\"2\"\n");
+    EXPECT_EQ(ReadFile(Paths::kHostInfo), "a=\"1\"\nfarlink_enable_failover=\"false\"\nb=\"2\"\n");
     ASSERT_EQ(stat(Paths::kHostInfo, &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino) << "rewritten in place, not replaced";
 
-    WriteText(Paths::kHostInfo, "a=\"1\"\nlast_without_newline=\"x\"");
+    WriteFile(Paths::kHostInfo, "a=\"1\"\nlast_without_newline=\"x\"");
     SetEmulation(R"({"check_failover_value": "true"})");
     EXPECT_EQ(Relayd({"--check-failover"}).exitStatus, 0);
     const std::string written =
         "a=\"1\"\nlast_without_newline=\"x\"\nfarlink_enable_failover=\"true\"\n";
-    EXPECT_EQ(ReadText(Paths::kHostInfo), written);
+    EXPECT_EQ(ReadFile(Paths::kHostInfo), written);
     SetEmulation(R"({"check_failover_exit": 1, "check_failover_value": "false"})");
     EXPECT_EQ(Relayd({"--check-failover"}).exitStatus, 1);
-    EXPECT_EQ(ReadText(Paths::kHostInfo), written);
+    EXPECT_EQ(ReadFile(Paths::kHostInfo), written);
 }
 
 TEST_F(DaemonProgram, HeartbeatOutcomesBecomeStatusWords) {
@@ -162,8 +161,8 @@ TEST_F(DaemonProgram, SignalsAreCountedAndReloadRereadsTheConfiguration) {
     // Changing SNI asks the running daemon to reload.
     ASSERT_TRUE(Utils::EnableRelaySNI("relay.example.test"));
     EXPECT_TRUE(StatusMemberReaches("reloads", 1));
-    EXPECT_TRUE(Eventually([] { return ReportedServerId() == "SID-2"; }, kSettleSeconds));
-    EXPECT_TRUE(Eventually([&] { return site.Bodies().size() == 2; }, kSettleSeconds));
+    EXPECT_TRUE(WaitUntil([] { return ReportedServerId() == "SID-2"; }, kSettle));
+    EXPECT_TRUE(WaitUntil([&] { return site.Bodies().size() == 2; }, kSettle));
     EXPECT_EQ(site.Bodies().back()["serverID"], "SID-2");
 }
 
@@ -180,7 +179,7 @@ TEST_F(DaemonProgram, NoServerIdOrForcedWordsSendNothing) {
     EXPECT_TRUE(Reports("connected", "err_network"));
     EXPECT_TRUE(site.Bodies().empty());
 
-    WriteText(Paths::kRelaydStatus, "{ torn");
+    WriteFile(Paths::kRelaydStatus, "{ torn");
     std::string id, status, error;
     EXPECT_FALSE(Daemon::GetStatus(id, status, error)) << "a running daemon's state is unreadable";
 }

@@ -9,9 +9,9 @@
 
 using namespace ORVO::Relay;
 namespace Paths = ORVO::Paths;
+using relay_test::ReadFile;
 using relay_test::ReadJson;
-using relay_test::ReadText;
-using relay_test::WriteText;
+using relay_test::WriteFile;
 
 namespace {
 
@@ -29,11 +29,11 @@ TEST_F(FixedFiles, AuthConfNeedsBothCredentialsAndNoRaisedIds) {
     EXPECT_FALSE(auth.ReadConf()) << "no file";
     for (const char* text :
          {R"({"serial": "SN1", "api_key": ""})", R"({"serial": 5, "api_key": "K"})", "{oops"}) {
-        WriteText(Paths::kAuthConf, text);
+        WriteFile(Paths::kAuthConf, text);
         EXPECT_FALSE(auth.ReadConf()) << text;
         EXPECT_FALSE(auth.Write(out, true)) << text;
     }
-    WriteText(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
+    WriteFile(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
     ASSERT_EQ(chmod(Paths::kAuthConf, 0600), 0);
     ASSERT_EQ(setresgid(-1, 65534, -1), 0);
     ASSERT_EQ(setresuid(-1, 65534, -1), 0);
@@ -71,13 +71,13 @@ TEST_F(FixedFiles, AliasStatusKeepsOneRecordPerAlias) {
     ASSERT_TRUE(records.GetStatus("other", status, error));
     EXPECT_EQ(status + "/" + error, "failed/taken");
 
-    const std::string before = ReadText(Paths::kAliasStatus);
+    const std::string before = ReadFile(Paths::kAliasStatus);
     EXPECT_TRUE(records.SetStatus("box", "changed", "", false));
-    EXPECT_EQ(ReadText(Paths::kAliasStatus), before);
+    EXPECT_EQ(ReadFile(Paths::kAliasStatus), before);
 
     // Unusable records or files read as absent; a save starts them over.
     for (const char* text : {R"({"box": {"error": "x"}, "bad": 3})", "[not json"}) {
-        WriteText(Paths::kAliasStatus, text);
+        WriteFile(Paths::kAliasStatus, text);
         EXPECT_FALSE(records.GetStatus("box", status, error) ||
                      records.GetStatus("bad", status, error));
     }
@@ -92,11 +92,11 @@ TEST_F(FixedFiles, ServicePermissionWritesAndReadsTheDefaultList) {
     for (const auto& entry : written)
         EXPECT_TRUE(entry["id"].isString() && entry["enabled"].isBool()) << entry.toStyledString();
     EXPECT_EQ(ServicePermission(true).GetServices(), written);
-    WriteText(Paths::kServicesConf, R"([{"id": "web", "enabled": false}])");
+    WriteFile(Paths::kServicesConf, R"([{"id": "web", "enabled": false}])");
     EXPECT_EQ(ServicePermission(true).GetServices().size(), 1u);
     EXPECT_EQ(ServicePermission(false).GetServices(), written) << "without load: the defaults";
     // A list that is not one stands for the defaults, as a missing file does.
-    WriteText(Paths::kServicesConf, R"({"not": "an array"})");
+    WriteFile(Paths::kServicesConf, R"({"not": "an array"})");
     EXPECT_EQ(ServicePermission(true).GetServices(), written);
 }
 
@@ -122,17 +122,17 @@ TEST_F(FixedFiles, StatusWithoutDaemonReportsNotRunning) {
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
     EXPECT_EQ(serverId + "/" + status + "/" + error, "/not_running/");
 
-    WriteText(Paths::kRelaydConf, R"({"server_id": "SID-9"})");
+    WriteFile(Paths::kRelaydConf, R"({"server_id": "SID-9"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
     EXPECT_EQ(serverId, "SID-9");
     const relay_test::TempDir dir;
-    WriteText(dir / "alt.conf", R"({"server_id": "SID-ALT"})");
+    WriteFile(dir / "alt.conf", R"({"server_id": "SID-ALT"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error, (dir / "alt.conf").c_str()));
     EXPECT_EQ(serverId, "SID-ALT");
 
     // A pid file naming a process that is not the daemon (this test) is stale.
-    WriteText(Paths::kRelaydPidFile, std::to_string(getpid()) + "\n");
-    WriteText(Paths::kRelaydStatus, R"({"status": "connected"})");
+    WriteFile(Paths::kRelaydPidFile, std::to_string(getpid()) + "\n");
+    WriteFile(Paths::kRelaydStatus, R"({"status": "connected"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
     EXPECT_EQ(status, "not_running");
     EXPECT_EQ(Daemon::UpdateAlias(), -1);

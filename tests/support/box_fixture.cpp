@@ -86,7 +86,7 @@ Json::Value Fetch(const std::string& url, const std::optional<std::string>& body
 // The host's session, opened on first use and kept for the whole program.
 const std::string& SessionCookie() {
     static const std::string cookie = [] {
-        std::string password = BoxTest::ReadFile(BoxRunDir() + "/admin-password");
+        std::string password = ReadFile(BoxRunDir() + "/admin-password");
         password.erase(password.find_last_not_of("\n ") + 1);
         const Json::Value answer =
             Fetch(Env("FARLINK_BOX_URL") +
@@ -144,9 +144,10 @@ void BoxTest::SetUp() {
                  fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
         EXPECT_FALSE(error) << "restoring " << entry.path() << ": " << error.message();
     }
-    WriteFile(ORVO::Paths::kHostInfo, ReadFile(InitialCopy("orvoinfo.conf")));
-    WriteFile("/etc/resolv.conf", ReadFile(InitialCopy("resolv.conf")));
-    WriteFile(ORVO::Paths::kKivoAccount, ReadFile(InitialCopy("account.conf")));
+    for (const auto& [file, initial] : {std::pair{ORVO::Paths::kHostInfo, "orvoinfo.conf"},
+                                        {"/etc/resolv.conf", "resolv.conf"},
+                                        {ORVO::Paths::kKivoAccount, "account.conf"}})
+        EXPECT_TRUE(WriteFile(file, ReadFile(InitialCopy(initial)))) << file;
     for (const char* log : {ORVO::Paths::kKivoQueryLog, ORVO::Paths::kSystemdReloadLog,
                             ORVO::Paths::kCloudServiceLog}) {
         if (truncate(log, 0) != 0 && errno != ENOENT) ADD_FAILURE() << "cannot empty " << log;
@@ -198,19 +199,6 @@ std::optional<SyslogLine> BoxTest::WaitForLogged(const std::string& source,
     }
 }
 
-std::string BoxTest::ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-void BoxTest::WriteFile(const std::string& path, const std::string& content) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << content;
-    EXPECT_TRUE(file.flush()) << "cannot write " << path;
-}
-
 Json::Value BoxTest::ReadJson(const std::string& path) {
     std::ifstream file(path);
     Json::Value value;
@@ -218,15 +206,8 @@ Json::Value BoxTest::ReadJson(const std::string& path) {
     return value;
 }
 
-std::vector<std::string> BoxTest::ReadLines(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
-    return lines;
-}
-
 void BoxTest::WriteDaemonEmulation(const Json::Value& controls) {
-    WriteFile(kEmulationConf, controls.toStyledString());
+    EXPECT_TRUE(WriteFile(kEmulationConf, controls.toStyledString()));
 }
 
 std::optional<pid_t> BoxTest::DaemonPid() {

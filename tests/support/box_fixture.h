@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "test_files.h"
+
 namespace farlink_test {
 
 // One message of the box's system log, as farlink-syslogd wrote it.
@@ -33,15 +35,6 @@ struct SyslogLine {
 };
 
 class BoxTest : public ::testing::Test {
-public:
-    static std::string ReadFile(const std::string& path);
-    // Rewrites the file in place (same inode: bind-mounted files stay bound).
-    static void WriteFile(const std::string& path, const std::string& content);
-    static Json::Value ReadJson(const std::string& path);
-    static std::vector<std::string> ReadLines(const std::string& path);
-    // The relay daemon's emulation controls (see docs/relay-library.md).
-    static void WriteDaemonEmulation(const Json::Value& controls);
-
 protected:
     using Milliseconds = std::chrono::milliseconds;
 
@@ -64,6 +57,9 @@ protected:
     std::optional<SyslogLine> WaitForLogged(const std::string& source, const std::string& message,
                                             Milliseconds limit = Milliseconds(5000)) const;
 
+    static Json::Value ReadJson(const std::string& path);
+    // The relay daemon's emulation controls (see docs/relay-library.md).
+    static void WriteDaemonEmulation(const Json::Value& controls);
     static bool DaemonRunning();
     static std::optional<pid_t> DaemonPid();
 
