@@ -203,22 +203,5 @@ TEST_F(HostApi, PathsMethodsAndSizesOutsideTheApiGetHttpStatuses) {
     EXPECT_EQ(Call("succeed_empty").json["success"], true) << "server still serving";
 }
 
-TEST_F(HostApi, SlowHandlerDoesNotHoldUpOtherRequests) {
-    const std::string started = TempPath("started");
-    std::atomic<bool> slowDone{false};
-    auto slow = std::async(std::launch::async, [&] {
-        HttpResult result =
-            Get("api=Test.Host&version=1&method=slow&" + Query({{"started", started}}));
-        slowDone = true;
-        return result;
-    });
-    ASSERT_TRUE(WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
-
-    EXPECT_EQ(Call("succeed_empty").json["success"], true);
-    EXPECT_FALSE(slowDone) << "the quick request waited for the slow one";
-    EXPECT_EQ(slow.get().json["success"], true);
-    unlink(started.c_str());
-}
-
 }  // namespace
 }  // namespace farlink::host::test

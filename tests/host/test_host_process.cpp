@@ -138,7 +138,7 @@ TEST(HostPrivileges, ServiceIdsAndLeftOverRootIsRestoredAndReported) {
     unlink(log.c_str());
 }
 
-TEST(HostShutdown, SigtermFinishesTheRequestInFlightThenExitsZero) {
+TEST(HostShutdown, SigtermFinishesTheSlowRequestInFlightThenExitsZero) {
     const std::string pidFile = TempPath("pid");
     HostProcess host(Serving(TEST_MODULE_PATH, {"--pid-file", pidFile}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
@@ -148,14 +148,17 @@ TEST(HostShutdown, SigtermFinishesTheRequestInFlightThenExitsZero) {
     EXPECT_EQ(written, host.Pid());
 
     HttpResult login = Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=pw");
+    const std::string cookie = "id=" + login.json["data"]["sid"].asString();
+    const std::string entry = host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=";
     const std::string started = TempPath("started");
     auto slow = std::async(std::launch::async, [&] {
-        return Fetch("GET",
-                     host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=slow&" +
-                         Query({{"started", started}}),
-                     "", "", "id=" + login.json["data"]["sid"].asString());
+        return Fetch("GET", entry + "slow&" + Query({{"started", started}}), "", "", cookie);
     });
     ASSERT_TRUE(WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
+    // The slow handler holds up no one else.
+    EXPECT_EQ(Fetch("GET", entry + "succeed_empty", "", "", cookie).json["success"], true);
+    EXPECT_EQ(slow.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+        << "the quick request waited for the slow one";
     kill(host.Pid(), SIGTERM);
 
     HttpResult answer = slow.get();

@@ -40,31 +40,27 @@ TEST_F(PrivateRootTest, WritesStayPrivate) {
 }
 
 TEST_F(PrivateRootTest, PortalDomainIsReadTruncatedOrRefused) {
-    std::string domain;
-    const auto get = [&domain](int size) {
+    // The result and the buffer's text, the buffer prefilled with 'X'.
+    const auto get = [](int size) {
         std::string buffer(static_cast<std::size_t>(size), 'X');
         const int result = OLIBRelaydGetPortalDomain(&buffer[0], size);
-        domain = buffer.c_str();
-        return result;
+        return std::make_pair(result, std::string(buffer.c_str()));
     };
-    EXPECT_EQ(get(64), -1) << "no file";
-    EXPECT_EQ(domain, "");
+    const auto refused = std::make_pair(-1, std::string());
+    EXPECT_EQ(get(64), refused) << "no file";
     for (const std::string& text :
          {std::string("not json"), std::string("[1, 2]"), std::string(R"({"server_control": 3})"),
           std::string(R"({"server_control": {}})"),
           std::string(R"({"server_control": {"portal_domain": 42}})"),
           std::string(100000, '[') + std::string(100000, ']')}) {
         WriteFile(ORVO::Paths::kRelaydConf, text);
-        EXPECT_EQ(get(64), -1) << text.substr(0, 60);
-        EXPECT_EQ(domain, "");
+        EXPECT_EQ(get(64), refused) << text.substr(0, 60);
     }
     WriteFile(
         ORVO::Paths::kRelaydConf,
         R"({"server_control": {"host": "cnc.farlink.test", "portal_domain": "farlink.test"}})");
-    EXPECT_EQ(get(64), 0);
-    EXPECT_EQ(domain, "farlink.test");
-    EXPECT_EQ(get(5), 0);
-    EXPECT_EQ(domain, "farl");
+    EXPECT_EQ(get(64), std::make_pair(0, std::string("farlink.test")));
+    EXPECT_EQ(get(5), std::make_pair(0, std::string("farl")));
     EXPECT_EQ(OLIBRelaydGetPortalDomain(nullptr, 10), -1);
 }
 
