@@ -16,7 +16,7 @@ protected:
     void SetUp() override { ASSERT_NE(module_, nullptr) << dlerror(); }
     void* Symbol(const std::string& name) const { return dlsym(module_.get(), name.c_str()); }
 
-    std::unique_ptr<void, decltype(&dlclose)> module_{
+    std::unique_ptr<void, int (*)(void*)> module_{
         dlopen(FARLINK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL), dlclose};
 };
 

@@ -23,28 +23,17 @@ namespace farlink_test {
 
 class ControlServer {
 public:
-    ~ControlServer() {
-        Stop();
-        std::error_code ignored;
-        if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);  // keys included
-    }
+    ~ControlServer() { Stop(); }
 
-    // Certificates, start, wait for "ready". Failures are test failures.
+    // Certificate, start, wait for "ready". Failures are test failures.
     void Start() {
-        char dirTemplate[] = "/tmp/farlink-controlserver-XXXXXX";
-        ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-        dir_ = dirTemplate;
-        const std::string certificates =
-            "cd " + dir_ +
-            " && printf 'subjectAltName=DNS:*.farlink.test,DNS:*.farlink-cn.test,"
-            "DNS:localhost,IP:127.0.0.1\\n' > san.cnf"
-            " && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2"
-            " -subj /CN=farlink-test-ca"
-            " && openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr"
-            " -subj /CN=localhost"
-            " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
-            " -out server.pem -days 2 -extfile san.cnf";
-        ASSERT_EQ(std::system(("(" + certificates + ") >/dev/null 2>&1").c_str()), 0);
+        // A self-signed certificate that is its own CA.
+        const std::string certificate =
+            "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -keyout " +
+            dir_ / "server.key" + " -out " + CaPath() +
+            " -addext subjectAltName=DNS:*.farlink.test,DNS:*.farlink-cn.test,DNS:localhost,"
+            "IP:127.0.0.1 >/dev/null 2>&1";
+        ASSERT_EQ(std::system(certificate.c_str()), 0);
         int out[2];
         ASSERT_EQ(pipe(out), 0);
         pid_ = fork();
@@ -54,10 +43,10 @@ public:
             const std::string program =
                 std::filesystem::read_symlink("/proc/self/exe").parent_path() /
                 "farlink-controlserver";
-            execl(program.c_str(), program.c_str(), "--cert", (dir_ + "/server.pem").c_str(),
-                  "--key", (dir_ + "/server.key").c_str(), "--records", RecordsPath().c_str(),
-                  "--bind", "127.0.0.1", "--https-port", "0", "--http-port", "0", "--control",
-                  "127.0.0.1:0", "--ports-file", (dir_ + "/ports.json").c_str(), nullptr);
+            execl(program.c_str(), program.c_str(), "--cert", CaPath().c_str(), "--key",
+                  (dir_ / "server.key").c_str(), "--records", RecordsPath().c_str(), "--bind",
+                  "127.0.0.1", "--https-port", "0", "--http-port", "0", "--control", "127.0.0.1:0",
+                  "--ports-file", (dir_ / "ports.json").c_str(), nullptr);
             _exit(127);
         }
         close(out[1]);
@@ -66,7 +55,7 @@ public:
         const bool ready = std::fgets(line, sizeof line, output) != nullptr;
         std::fclose(output);
         ASSERT_TRUE(ready && std::string(line) == "ready\n") << "the server did not start";
-        const Json::Value ports = relay_test::ReadJson(dir_ + "/ports.json");
+        const Json::Value ports = relay_test::ReadJson(dir_ / "ports.json");
         httpPort = ports["http"].asInt();
         httpsPort = ports["https"].asInt();
         controlPort = ports["control"].asInt();
@@ -108,16 +97,16 @@ public:
         return records;
     }
 
-    std::string CaPath() const { return dir_ + "/ca.pem"; }
+    std::string CaPath() const { return dir_ / "server.pem"; }
 
     int httpPort = 0;
     int httpsPort = 0;
     int controlPort = 0;
 
 private:
-    std::string RecordsPath() const { return dir_ + "/records.jsonl"; }
+    std::string RecordsPath() const { return dir_ / "records.jsonl"; }
 
-    std::string dir_;
+    farlink_test::TempDir dir_;  // keys included
     pid_t pid_ = -1;
 };
 
