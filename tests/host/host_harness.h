@@ -1,14 +1,26 @@
 // Runs farlink-host as a child process and talks HTTP to it.
 #pragma once
 
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <json/reader.h>
 #include <json/value.h>
-#include <sys/types.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <map>
+#include <atomic>
+#include <fstream>
+#include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
+
+#include "test_files.h"
 
 namespace Json {
 // Readable values in test failure messages.
@@ -17,31 +29,88 @@ inline void PrintTo(const Value& value, std::ostream* out) { *out << value.toSty
 
 namespace farlink::host::test {
 
+// A fresh path under /tmp that the service user can write too.
+inline std::string TempPath(const std::string& stem) {
+    static std::atomic<int> counter{0};
+    return "/tmp/farlink-host-test-" + std::to_string(getpid()) + "-" + stem + "-" +
+           std::to_string(counter++);
+}
+
 class HostProcess {
 public:
     // Starts farlink-host with `args`; with `asNobody` the child gives up
     // root before exec.
-    explicit HostProcess(std::vector<std::string> args, bool asNobody = false);
-    ~HostProcess();
+    explicit HostProcess(std::vector<std::string> args, bool asNobody = false) {
+        args.insert(args.begin(), FARLINK_HOST_PATH);
+        std::vector<char*> argv;
+        for (std::string& arg : args) argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        int pipeFds[2];
+        if (pipe2(pipeFds, O_CLOEXEC) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            // The forked child: no allocation from here on.
+            const int stderrFd = open(stderrPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (stderrFd >= 0 && dup2(pipeFds[1], STDOUT_FILENO) >= 0 &&
+                dup2(stderrFd, STDERR_FILENO) >= 0 &&
+                (!asNobody ||
+                 (setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0)))
+                execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(pipeFds[1]);
+        stdoutFd_ = pipeFds[0];
+    }
+    ~HostProcess() {
+        Finish(SIGKILL);
+        if (stdoutFd_ >= 0) close(stdoutFd_);
+        unlink(stderrPath_.c_str());
+    }
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
     // Waits for the ready line; false if the process ended or said nothing.
-    bool WaitListening();
+    bool WaitListening() {
+        const std::string prefix = "farlink-host: listening on ";
+        while (stdout_.find('\n') == std::string::npos) {
+            pollfd ready{stdoutFd_, POLLIN, 0};
+            char buffer[256];
+            const ssize_t got =
+                poll(&ready, 1, 10000) == 1 ? read(stdoutFd_, buffer, sizeof buffer) : 0;
+            if (got <= 0) return false;
+            stdout_.append(buffer, static_cast<size_t>(got));
+        }
+        if (stdout_.rfind(prefix, 0) != 0) return false;
+        baseUrl_ = stdout_.substr(prefix.size(), stdout_.find('\n') - prefix.size());
+        return true;
+    }
     const std::string& StdoutText() const { return stdout_; }
-    std::string StderrText() const;
+    std::string StderrText() const {
+        std::ifstream file(stderrPath_);
+        std::stringstream text;
+        text << file.rdbuf();
+        return text.str();
+    }
     const std::string& BaseUrl() const { return baseUrl_; }
     pid_t Pid() const { return pid_; }
 
     // Sends `signal` (if any) and reaps the process; its exit status, or
     // 128 + signal when killed.
-    int Finish(int signal = 0);
+    int Finish(int signal = 0) {
+        if (pid_ <= 0) return -1;
+        if (signal != 0) kill(pid_, signal);
+        int status = 0;
+        while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        }
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
 
 private:
     pid_t pid_ = -1;
     int stdoutFd_ = -1;
     std::string stdout_;
-    std::string stderrPath_;
+    const std::string stderrPath_ = TempPath("host-stderr");
     std::string baseUrl_;
 };
 
@@ -52,17 +121,56 @@ struct HttpResult {
     Json::Value json;  // null unless the body was JSON
 };
 
-HttpResult Fetch(const std::string& method, const std::string& url,
-                 const std::string& contentType = "", const std::string& body = "",
-                 const std::string& cookie = "");
+inline size_t AppendBody(char* data, size_t size, size_t count, void* target) {
+    static_cast<std::string*>(target)->append(data, size * count);
+    return size * count;
+}
+
+inline HttpResult Fetch(const std::string& method, const std::string& url,
+                        const std::string& contentType = "", const std::string& body = "",
+                        const std::string& cookie = "") {
+    HttpResult result;
+    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
+        contentType.empty() ? nullptr
+                            : curl_slist_append(nullptr, ("Content-Type: " + contentType).c_str()),
+        curl_slist_free_all);
+    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+    if (method == "POST") {
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.data());
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE_LARGE,
+                         static_cast<curl_off_t>(body.size()));
+    }
+    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+    if (!cookie.empty()) curl_easy_setopt(curl.get(), CURLOPT_COOKIE, cookie.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, AppendBody);
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &result.body);
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 20L);
+    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+    if (curl_easy_perform(curl.get()) != CURLE_OK) return result;
+    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &result.status);
+    curl_header* setCookie = nullptr;
+    if (curl_easy_header(curl.get(), "Set-Cookie", 0, CURLH_HEADER, -1, &setCookie) == CURLHE_OK)
+        result.setCookie = setCookie->value;
+    std::istringstream text(result.body);
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &result.json, nullptr))
+        result.json = Json::Value();
+    return result;
+}
 
 // "a=1&b=x%20y" from name/value pairs.
-std::string Query(const std::vector<std::pair<std::string, std::string>>& params);
+inline std::string Query(const std::vector<std::pair<std::string, std::string>>& params) {
+    std::string query;
+    for (const auto& [name, value] : params) {
+        char* escaped = curl_easy_escape(nullptr, value.c_str(), static_cast<int>(value.size()));
+        query += (query.empty() ? "" : "&") + name + "=" + escaped;
+        curl_free(escaped);
+    }
+    return query;
+}
 
-// The access log's lines.
-std::vector<std::string> ReadLines(const std::string& path);
-
-// A fresh path under /tmp that the service user can write too.
-std::string TempPath(const std::string& stem);
+using farlink_test::ReadLines;
+using farlink_test::WaitUntil;
 
 }  // namespace farlink::host::test

@@ -6,90 +6,71 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace {
 
-struct DlCloser {
-    void operator()(void* handle) const { dlclose(handle); }
-};
-using Module = std::unique_ptr<void, DlCloser>;
+// The module as the host loads it.
+class ModuleLoad : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(module_, nullptr) << dlerror(); }
+    void* Symbol(const std::string& name) const { return dlsym(module_.get(), name.c_str()); }
 
-Module LoadModule() {
-    Module module(dlopen(FARLINK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL));
-    EXPECT_NE(module, nullptr) << dlerror();
-    return module;
+    std::unique_ptr<void, int (*)(void*)> module_{
+        dlopen(FARLINK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL), dlclose};
+};
+
+// Handlers have C++ linkage: void Name(ORVO::APIRequest*, ORVO::APIResponse*).
+std::string HandlerSymbol(const std::string& name) {
+    return "_Z" + std::to_string(name.size()) + name + "PN4ORVO10APIRequestEPNS_11APIResponseE";
 }
 
-struct ExpectedRow {
-    const char* api;
-    std::uint64_t version;
-    const char* method;
-    const char* handlerSymbol;
-};
-
-std::string HandlerSymbol(const char* name) {
-    // Handlers have C++ linkage: void Name(ORVO::APIRequest*, ORVO::APIResponse*).
-    return "_Z" + std::to_string(std::strlen(name)) + name +
-           "PN4ORVO10APIRequestEPNS_11APIResponseE";
-}
-
-const std::vector<ExpectedRow> kExpectedRows = {
-    {"ORVO.Core.Farlink", 1, "status", "Status_v1"},
-    {"ORVO.Core.Farlink", 1, "set", "Set_v1"},
-    {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
-};
-
-}  // namespace
-
-TEST(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
-    Module module = LoadModule();
-    ASSERT_NE(module, nullptr);
-    auto getTable = reinterpret_cast<ORVO::GetAPITableFn>(dlsym(module.get(), "GetAPITable"));
+TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
+    auto getTable = reinterpret_cast<ORVO::GetAPITableFn>(Symbol("GetAPITable"));
     ASSERT_NE(getTable, nullptr);
-    const void* table = dlsym(module.get(), "grgTable");
+    const void* table = Symbol("grgTable");
     ASSERT_EQ(static_cast<const void*>(getTable()), table);
 
-    const auto* words = static_cast<const std::uint64_t*>(table);
-    for (std::size_t row = 0; row < kExpectedRows.size(); ++row) {
-        const ExpectedRow& expected = kExpectedRows[row];
-        const std::uint64_t* slot = words + 4 * row;
-        SCOPED_TRACE(expected.handlerSymbol);
-        EXPECT_STREQ(reinterpret_cast<const char*>(slot[0]), expected.api);
-        EXPECT_EQ(slot[1], expected.version) << "upper half of the version slot must be zero";
-        EXPECT_STREQ(reinterpret_cast<const char*>(slot[2]), expected.method);
-        void* handler = dlsym(module.get(), HandlerSymbol(expected.handlerSymbol).c_str());
-        EXPECT_NE(handler, nullptr) << "handler not exported";
-        EXPECT_EQ(reinterpret_cast<void*>(slot[3]), handler);
+    // api, version, method, handler
+    const std::tuple<const char*, std::uint64_t, const char*, const char*> rows[] = {
+        {"ORVO.Core.Farlink", 1, "status", "Status_v1"},
+        {"ORVO.Core.Farlink", 1, "set", "Set_v1"},
+        {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
+    };
+    const auto* slot = static_cast<const std::uint64_t*>(table);
+    for (const auto& [api, version, method, handler] : rows) {
+        SCOPED_TRACE(handler);
+        EXPECT_STREQ(reinterpret_cast<const char*>(slot[0]), api);
+        EXPECT_EQ(slot[1], version) << "upper half of the version slot must be zero";
+        EXPECT_STREQ(reinterpret_cast<const char*>(slot[2]), method);
+        EXPECT_NE(Symbol(HandlerSymbol(handler)), nullptr) << "handler not exported";
+        EXPECT_EQ(reinterpret_cast<void*>(slot[3]), Symbol(HandlerSymbol(handler)));
+        slot += 4;
     }
-    const std::uint64_t* terminator = words + 4 * kExpectedRows.size();
-    for (int slot = 0; slot < 4; ++slot) EXPECT_EQ(terminator[slot], 0u);
+    for (int word = 0; word < 4; ++word) EXPECT_EQ(slot[word], 0u) << "terminator";
 }
 
-TEST(ModuleLoad, ErrorMapsAreExportedPairByPair) {
-    Module module = LoadModule();
-    ASSERT_NE(module, nullptr);
-    const std::int32_t relay[] = {0,    2908, 8,    2905, 5,    2905, 6,    2902, 7,
-                                  2902, 10,   2903, 12,   2903, 13,   2903, 14,   2903,
-                                  30,   2910, 9,    2900, 15,   2909, 11,   2900, 1,
-                                  2900, 2,    2900, 3,    2900, 4,    2900, 255,  2900};
-    const std::int32_t alias[] = {1,  2908, 5,  2901, 6,  2902, 7,  2902, 3,  2904,
-                                  12, 2906, 8,  2905, 4,  2903, 9,  2903, 10, 2903,
+TEST_F(ModuleLoad, ErrorMapsAreExportedPairByPair) {
+    const std::int32_t relay[] = {0,  2908, 8,  2905, 5,  2905, 6,  2902, 7, 2902, 10,  2903,
+                                  12, 2903, 13, 2903, 14, 2903, 30, 2910, 9, 2900, 15,  2909,
+                                  11, 2900, 1,  2900, 2,  2900, 3,  2900, 4, 2900, 255, 2900};
+    const std::int32_t alias[] = {1,  2908, 5,  2901, 6,  2902, 7,  2902, 3,   2904,
+                                  12, 2906, 8,  2905, 4,  2903, 9,  2903, 10,  2903,
                                   2,  2900, 11, 2900, 14, 2909, 30, 2910, 255, 2900};
     static_assert(sizeof(relay) == 144 && sizeof(alias) == 120, "map sizes");
-    const void* relayMap = dlsym(module.get(), "grgRelayErrorCodeMap");
-    const void* aliasMap = dlsym(module.get(), "grgAliasErrorCodeMap");
+    const void* relayMap = Symbol("grgRelayErrorCodeMap");
+    const void* aliasMap = Symbol("grgAliasErrorCodeMap");
     ASSERT_NE(relayMap, nullptr);
     ASSERT_NE(aliasMap, nullptr);
     EXPECT_EQ(std::memcmp(relayMap, relay, sizeof(relay)), 0);
     EXPECT_EQ(std::memcmp(aliasMap, alias, sizeof(alias)), 0);
 }
 
-TEST(ModuleLoad, OnlyTheEntryPointsAreExported) {
-    Module module = LoadModule();
-    ASSERT_NE(module, nullptr);
+TEST_F(ModuleLoad, OnlyTheEntryPointsAreExported) {
     for (const char* hidden : {"_Z17MapRelayErrorCodeN4ORVO5Relay10RELAYD_RETE", "_Z8Finish",
                                "_Z22OrvorelaydServiceStartv", "_Z20EnterCriticalSectionPKci"}) {
-        EXPECT_EQ(dlsym(module.get(), hidden), nullptr) << hidden << " leaked out";
+        EXPECT_EQ(Symbol(hidden), nullptr) << hidden << " leaked out";
     }
 }
+
+}  // namespace

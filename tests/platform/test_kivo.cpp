@@ -1,6 +1,10 @@
+// The account library and the account tool against the account state file.
 #include <gtest/gtest.h>
+#include <json/reader.h>
+#include <orvo/core.h>
 #include <orvo/kivo.h>
 #include <orvo/paths.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <memory>
@@ -10,110 +14,108 @@
 
 namespace {
 
-using platform_test::WriteFile;
+using platform_test::ReadFile;
 
 class KivoTest : public platform_test::PrivateRootTest {
 protected:
-    void WriteState(const std::string& json) { WriteFile(ORVO::Paths::kKivoAccount, json); }
-
-    // Zero-filled like the module's record, so untouched bytes stay visible.
-    std::unique_ptr<_tag_kivo_INFO_> NewRecord() {
-        auto info = std::make_unique<_tag_kivo_INFO_>();
-        std::memset(info.get(), 0, sizeof *info);
-        return info;
+    static void WriteState(const std::string& json) {
+        platform_test::WriteFile(ORVO::Paths::kKivoAccount, json);
     }
+    static int RunTool(const char* arg1, const char* arg2 = nullptr, const char* arg3 = nullptr) {
+        return OLIBCExec(ORVOKIVO_TOOL, arg1, arg2, arg3, nullptr);
+    }
+    static Json::Value Parse(const std::string& text) {
+        Json::Value value;
+        std::istringstream in(text);
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr));
+        return value;
+    }
+    // Zero-filled like the module's record, so untouched bytes stay visible.
+    std::unique_ptr<_tag_kivo_INFO_> info_ = std::make_unique<_tag_kivo_INFO_>();
 };
 
-TEST_F(KivoTest, AccountGetFillsTheRecordAtItsOffsets) {
-    WriteState(R"({"account": "alice", "kivo_id": "K-1", "auth_key": "secret",
-                   "email": "alice@example.test", "refresh": 1})");
-    auto info = NewRecord();
-    ASSERT_EQ(ORVOKIVOAccountGet(info.get()), 0);
-    const char* bytes = reinterpret_cast<const char*>(info.get());
-    EXPECT_STREQ(bytes, "alice");
-    EXPECT_STREQ(bytes + 8192, "K-1");
-    EXPECT_STREQ(bytes + 12288, "secret");
-    EXPECT_STREQ(info->email, "alice@example.test");
-    std::int32_t refresh;
-    std::memcpy(&refresh, bytes + 20224, sizeof refresh);
-    EXPECT_EQ(refresh, 1);
-
-    WriteState(R"({"account": ")" + std::string(9000, 'a') +
-               R"(", "kivo_id": 12, "refresh": "1"})");
-    info = NewRecord();
-    ASSERT_EQ(ORVOKIVOAccountGet(info.get()), 0);
-    EXPECT_EQ(std::strlen(info->account), sizeof info->account - 1) << "truncated in its slot";
-    EXPECT_EQ(info->kivoId[0], '\0') << "a number is not an identifier";
-    EXPECT_EQ(info->refreshFlag, 0);
-}
-
-TEST_F(KivoTest, FailuresReportTheirCode) {
-    auto info = NewRecord();
-    struct Case {
-        const char* state;  // null: no file
-        int code;
-    } cases[] = {
-        {nullptr, KIVO_ERR_NOT_BOUND},
+TEST_F(KivoTest, AccountGetFillsTheRecordOrFailsWithItsCode) {
+    const std::pair<const char*, int> failures[] = {
+        {nullptr, KIVO_ERR_NOT_BOUND},  // no file
         {R"({"bound": false, "account": "alice"})", KIVO_ERR_NOT_BOUND},
         {"{ broken", KIVO_ERR_STATE},
         {"[]", KIVO_ERR_STATE},
         {R"({"account": "alice", "get_error": 4})", KIVO_ERR_NETWORK},
         {R"({"bound": false, "get_error": 1})", KIVO_ERR_INTERNAL},
     };
-    for (const Case& c : cases) {
-        if (c.state != nullptr) {
-            WriteState(c.state);
-        }
-        EXPECT_EQ(ORVOKIVOAccountGet(info.get()), -1) << (c.state ? c.state : "no file");
-        EXPECT_EQ(ORVOKIVOErrGet(), c.code) << (c.state ? c.state : "no file");
-        EXPECT_EQ(info->account[0], '\0') << "a failed call writes nothing";
+    for (const auto& [state, code] : failures) {
+        if (state != nullptr) WriteState(state);
+        EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), -1) << (state ? state : "no file");
+        EXPECT_EQ(ORVOKIVOErrGet(), code) << (state ? state : "no file");
+        EXPECT_EQ(info_->account[0], '\0') << "a failed call writes nothing";
     }
-    EXPECT_EQ(ORVOKIVOAccountGet(nullptr), -1);
-    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_INTERNAL);
+    // The last error belongs to the calling thread.
+    WriteState("{ broken");
+    EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), -1);
+    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_STATE);
+    std::thread([] {
+        EXPECT_EQ(ORVOKIVOAccountGet(nullptr), -1);
+        EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_INTERNAL);
+    }).join();
+    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_STATE);
+
+    WriteState(R"({"account": "alice", "kivo_id": "K-1", "auth_key": "secret",
+                   "email": "alice@example.test", "refresh": 1})");
+    ASSERT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
+    EXPECT_STREQ(info_->account, "alice");
+    EXPECT_STREQ(info_->kivoId, "K-1");
+    EXPECT_STREQ(info_->authKey, "secret");
+    EXPECT_STREQ(info_->email, "alice@example.test");
+    EXPECT_EQ(info_->refreshFlag, 1);
+    WriteState(R"({"account": ")" + std::string(9000, 'a') + R"(", "kivo_id": 12})");
+    info_ = std::make_unique<_tag_kivo_INFO_>();
+    ASSERT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
+    EXPECT_EQ(std::strlen(info_->account), sizeof info_->account - 1) << "truncated in its slot";
+    EXPECT_EQ(info_->kivoId[0], '\0') << "a number is not an identifier";
 }
 
-TEST_F(KivoTest, QueryInfoAndItsOwnFaultControl) {
+TEST_F(KivoTest, QueryInfoItsOwnFaultControlAndRealnameValidation) {
+    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << "no account";
     WriteState(R"({"account": "", "kivo_id": "K-1", "email": "a@example.test",
-                   "auth_key": "secret", "get_error": 4})");
+                   "auth_key": "secret", "get_error": 4, "realname_validated": true})");
     Json::Value details;
     ASSERT_EQ(ORVOKIVOAccountQueryInfo(details, true, true), 0);
-    Json::Value expected(Json::objectValue);
-    expected["email"] = "a@example.test";
-    expected["account"] = "";
-    expected["kivo_id"] = "K-1";
-    EXPECT_EQ(details, expected);
+    EXPECT_EQ(details, Parse(R"({"email": "a@example.test", "account": "", "kivo_id": "K-1"})"));
+    EXPECT_TRUE(orvokivo::User().GetIsRealnameValidationPass());
 
-    WriteState(R"({"account": "alice", "query_error": 4})");
-    auto info = NewRecord();
-    EXPECT_EQ(ORVOKIVOAccountGet(info.get()), 0);
+    WriteState(R"({"account": "alice", "query_error": 4, "realname_validated": "true"})");
+    EXPECT_EQ(ORVOKIVOAccountGet(info_.get()), 0);
     Json::Value untouched("before");
     EXPECT_EQ(ORVOKIVOAccountQueryInfo(untouched, true, true), -1);
     EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_NETWORK);
     EXPECT_EQ(untouched, "before");
+    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << "only the boolean true";
 }
 
-TEST_F(KivoTest, LastErrorBelongsToTheCallingThread) {
-    WriteState(R"({"get_error": 4})");
-    auto info = NewRecord();
-    ASSERT_EQ(ORVOKIVOAccountGet(info.get()), -1);
-    int otherThreadCode = -1;
-    std::thread([&] {
-        WriteState(R"({"bound": false})");
-        ORVOKIVOAccountGet(info.get());
-        otherThreadCode = ORVOKIVOErrGet();
-    }).join();
-    EXPECT_EQ(otherThreadCode, KIVO_ERR_NOT_BOUND);
-    EXPECT_EQ(ORVOKIVOErrGet(), KIVO_ERR_NETWORK);
-}
+TEST_F(KivoTest, ToolQueryClearsRefreshKeepsEverythingElseAndRefusesUsageErrors) {
+    EXPECT_EQ(RunTool("--query_account"), 0) << "nothing bound, nothing to refresh";
+    const std::string state = R"({"account": "alice", "refresh": 1, "get_error": 4})";
+    WriteState(state);
+    ::chmod(ORVO::Paths::kKivoAccount, 0600);
+    EXPECT_EQ(RunTool("--query_account", "--cache"), 0);
+    EXPECT_EQ(ReadFile(ORVO::Paths::kKivoAccount), state) << "the cache leaves the flag";
+    EXPECT_EQ(RunTool("--query_account"), 0);
+    EXPECT_EQ(Parse(ReadFile(ORVO::Paths::kKivoAccount)),
+              Parse(R"({"account": "alice", "refresh": 0, "get_error": 4})"));
+    struct stat st;
+    ASSERT_EQ(::stat(ORVO::Paths::kKivoAccount, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u) << "the secret must not become readable";
 
-TEST_F(KivoTest, RealnameValidation) {
-    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass()) << "no account";
-    WriteState(R"({"account": "alice", "realname_validated": true})");
-    EXPECT_TRUE(orvokivo::User().GetIsRealnameValidationPass());
-    WriteState(R"({"account": "alice", "realname_validated": "true"})");
-    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass());
-    WriteState(R"({"bound": false, "realname_validated": true})");
-    EXPECT_FALSE(orvokivo::User().GetIsRealnameValidationPass());
+    WriteState("{ broken");
+    EXPECT_EQ(RunTool("--query_account"), 1);
+    EXPECT_EQ(ReadFile(ORVO::Paths::kKivoAccount), "{ broken");
+    EXPECT_EQ(RunTool(nullptr), 2);
+    EXPECT_EQ(RunTool("--cache"), 2);
+    EXPECT_EQ(RunTool("--cache", "--query_account"), 2);
+    EXPECT_EQ(RunTool("--query_account", "--other"), 2);
+    EXPECT_EQ(RunTool("--query_account", "--cache", "x"), 2);
+    EXPECT_EQ(platform_test::ReadLines(ORVO::Paths::kKivoQueryLog).size(), 4u)
+        << "every run but a usage error is recorded";
 }
 
 }  // namespace

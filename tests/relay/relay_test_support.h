@@ -2,36 +2,36 @@
 // the daemon program and waiting for the state it publishes.
 #pragma once
 
+#include <json/reader.h>
 #include <json/value.h>
+#include <orvo/paths.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <functional>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "test_files.h"
+
 namespace relay_test {
 
-// A scratch directory removed with everything in it.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+using farlink_test::ReadFile;
+using farlink_test::TempDir;
+using farlink_test::WaitUntil;
+using farlink_test::WriteFile;
 
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    // Names of the directory's entries, sorted.
-    std::vector<std::string> Entries() const;
-
-private:
-    std::string path_;
-};
-
-std::string ReadText(const std::string& path);
-void WriteText(const std::string& path, const std::string& text);
-// The parsed file or text; a null value when missing or not JSON.
-Json::Value ReadJson(const std::string& path);
-Json::Value ParseJson(const std::string& text);
+// The parsed text or file; a null value when missing or not JSON.
+inline Json::Value ParseJson(const std::string& text) {
+    std::istringstream in(text);
+    Json::Value value;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) return {};
+    return value;
+}
+inline Json::Value ReadJson(const std::string& path) { return ParseJson(ReadFile(path)); }
 
 struct ProgramResult {
     int exitStatus = -1;  // -1 when it did not exit normally
@@ -40,16 +40,37 @@ struct ProgramResult {
 
 // Runs a program (arguments without blanks or shell characters) and
 // captures its standard output.
-ProgramResult RunProgram(const std::vector<std::string>& args);
+inline ProgramResult RunProgram(const std::vector<std::string>& args) {
+    std::string command;
+    for (const auto& arg : args) command += arg + " ";
+    ProgramResult result;
+    FILE* stream = popen(command.c_str(), "r");
+    if (stream == nullptr) return result;
+    char buffer[256];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, stream)) > 0;)
+        result.output.append(buffer, n);
+    const int status = pclose(stream);
+    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
 
 // Empties the relay's configuration and runtime folders of the private root.
-void ResetRelayFolders();
-
-// Polls `condition` until it holds or `limitSeconds` pass; true if it held.
-bool Eventually(const std::function<bool()>& condition, int limitSeconds);
+inline void ResetRelayFolders() {
+    for (const char* dir :
+         {ORVO::Paths::kRelaydConfDir, ORVO::Paths::kRunDir, "/usr/orvo/var/lib/orvorelayd"}) {
+        std::filesystem::remove_all(dir);
+        std::filesystem::create_directories(dir);
+    }
+}
 
 // Reaps finished children (the daemons, orphaned to this subreaper); true
 // when every one of them had exited with status 0 and none is left.
-bool ChildrenEndedCleanly();
+inline bool ChildrenEndedCleanly() {
+    bool clean = true;
+    int status = 0;
+    while (waitpid(-1, &status, WNOHANG) > 0)
+        clean = clean && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return clean && waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD;
+}
 
 }  // namespace relay_test

@@ -11,116 +11,90 @@
 #include "relay_test_support.h"
 
 using namespace ORVO::Relay;
+using farlink::WriteFileAtomically;
 using relay_test::ParseJson;
+using relay_test::ReadFile;
 using relay_test::ReadJson;
-using relay_test::TempDir;
-using relay_test::WriteText;
+using relay_test::WriteFile;
 
 namespace {
 
-// What the module's handlers do with a section of the document.
-bool LoadsAndValidates(const Json::Value& document, const char* key, Config& section) {
-    return document.isObject() && document.isMember(key) && section.LoadFromJson(document[key]) &&
-           section.IsValid();
-}
-
-class RelaydConfFile : public ::testing::Test {
+class ConfFile : public ::testing::Test {
 protected:
-    TempDir dir;
+    relay_test::TempDir dir;
     const std::string path = dir / "orvorelayd.conf";
 };
 
-TEST_F(RelaydConfFile, FreshDefaultsSatisfyTheHandlersAndMeanUndiscoveredSite) {
+TEST_F(ConfFile, FreshDefaultsSatisfyTheHandlersAndRoundTrip) {
     RelaydConf conf(path.c_str());
     EXPECT_EQ(conf.serverControl.GetHost(), FARLINK_PRIMARY_CONTROL_HOST);
-    EXPECT_EQ(conf.serverGlobal.GetHost(), conf.serverControl.GetHost());
     EXPECT_EQ(conf.serverGlobal.GetUrl(nullptr),
               "https://" FARLINK_PRIMARY_CONTROL_HOST "/Serv.php");
     ASSERT_TRUE(conf.Save());
-
+    // What the module's handlers do with each section of the document.
     const Json::Value document = ReadJson(path);
     AliasConf alias;
-    ServerConf control(nullptr, nullptr);
-    ServerConf global(nullptr, "server_global");
+    ServerConf control(nullptr, nullptr), global(nullptr, "server_global");
     KivoConf kivo;
-    EXPECT_TRUE(LoadsAndValidates(document, "server_alias", alias));
-    EXPECT_TRUE(LoadsAndValidates(document, "server_control", control));
-    EXPECT_TRUE(LoadsAndValidates(document, "server_global", global));
-    EXPECT_TRUE(LoadsAndValidates(document, "kivo", kivo));
-    EXPECT_EQ(document["server_id"], "");
-}
-
-TEST_F(RelaydConfFile, RoundTripKeepsEveryValue) {
-    {
-        RelaydConf conf(path.c_str());
-        ASSERT_TRUE(conf.serverAlias.SetAliasName("mybox"));
-        ASSERT_TRUE(conf.kivo.SetKivoAccount("me@example.test"));
-        conf.serverId = "SID-1";
-        Json::Value site = ParseJson(
-            R"({"host": "eu.farlink.test", "region": "eu", "port": 8443,
-                "ddns_domain": "eu.direct.test", "portal_domain": "eu.portal.test"})");
-        ASSERT_TRUE(conf.serverControl.Overwrite(site));
-        ASSERT_TRUE(conf.Save());
+    for (const auto& [key, section] :
+         std::vector<std::pair<const char*, Config*>>{{"server_alias", &alias},
+                                                      {"server_control", &control},
+                                                      {"server_global", &global},
+                                                      {"kivo", &kivo}}) {
+        EXPECT_TRUE(section->LoadFromJson(document[key]) && section->IsValid()) << key;
     }
+    EXPECT_EQ(document["server_id"], "") << "an undiscovered site";
+
+    ASSERT_TRUE(conf.serverAlias.SetAliasName("mybox"));
+    ASSERT_TRUE(conf.kivo.SetKivoAccount("me@example.test"));
+    conf.serverId = "SID-1";
+    ASSERT_TRUE(conf.serverControl.Overwrite(
+        ParseJson(R"({"host": "eu.farlink.test", "region": "eu", "port": 8443,
+                      "ddns_domain": "eu.direct.test", "portal_domain": "eu.portal.test"})")));
+    ASSERT_TRUE(conf.Save());
     RelaydConf loaded(path.c_str());
-    EXPECT_EQ(loaded.serverAlias.GetAliasName(), "mybox");
-    EXPECT_EQ(loaded.kivo.GetKivoAccount(), "me@example.test");
-    EXPECT_EQ(loaded.serverId, "SID-1");
+    Json::Value saved, reloaded;
+    ASSERT_TRUE(conf.Write(saved, true) && loaded.Write(reloaded, true));
+    EXPECT_EQ(reloaded, saved);
+    EXPECT_EQ(reloaded["server_control"]["portal_domain"], "eu.portal.test");
     EXPECT_EQ(loaded.serverControl.GetUrl(nullptr), "https://eu.farlink.test:8443/Serv.php");
-    EXPECT_EQ(loaded.serverControl.GetRegion(), "eu");
-    EXPECT_EQ(loaded.serverControl.GetDDNSDomain(), "eu.direct.test");
-    EXPECT_EQ(loaded.serverControl.GetPortalDomain(), "eu.portal.test");
-    EXPECT_EQ(loaded.serverGlobal.GetHost(), FARLINK_PRIMARY_CONTROL_HOST);
 }
 
-TEST_F(RelaydConfFile, SectionSavesKeepTheRestOfTheDocument) {
-    {
-        // Into a missing file: the other sections start from the defaults.
-        AliasConf alias(path.c_str());
-        ASSERT_TRUE(alias.SetAliasName("first"));
-        ASSERT_TRUE(alias.Save());
-        ServerConf control(nullptr, nullptr);
-        EXPECT_TRUE(LoadsAndValidates(ReadJson(path), "server_control", control));
-    }
-    WriteText(path, R"({"server_alias": {"alias": "old"}, "kivo": {"account": "a@b.test"},
+TEST_F(ConfFile, SectionSavesKeepTheRestOfTheDocument) {
+    WriteFile(path, R"({"server_alias": {"alias": "old"}, "kivo": {"account": "a@b.test"},
         "server_control": {"host": "site.test", "region": "us"}, "server_id": "S1",
         "extra": {"kept": true}})");
-
     AliasConf alias(path.c_str());
-    ASSERT_TRUE(alias.SetAliasName("new"));
-    ASSERT_TRUE(alias.Save());
+    ASSERT_TRUE(alias.SetAliasName("new") && alias.Save());
     KivoConf kivo(path.c_str());
-    ASSERT_TRUE(kivo.SetKivoAccount("c@d.test"));
-    ASSERT_TRUE(kivo.Save());
-
-    Json::Value document = ReadJson(path);
-    EXPECT_EQ(document["server_alias"]["alias"], "new");
-    EXPECT_EQ(document["kivo"]["account"], "c@d.test");
-    EXPECT_EQ(document["server_control"]["host"], "site.test");
-    EXPECT_EQ(document["server_id"], "S1");
-    EXPECT_EQ(document["extra"]["kept"], true);
-
+    ASSERT_TRUE(kivo.SetKivoAccount("c@d.test") && kivo.Save());
     RelaydConf conf(path.c_str());
     conf.serverId = "S2";
     ASSERT_TRUE(conf.WriteServerId(""));
     ASSERT_TRUE(conf.WriteControlServerHost("", "other.test"));
-    document = ReadJson(path);
-    EXPECT_EQ(document["server_id"], "S2");
+    const Json::Value document = ReadJson(path);
+    EXPECT_EQ(document["server_alias"]["alias"], "new");
+    EXPECT_EQ(document["kivo"]["account"], "c@d.test");
     EXPECT_EQ(document["server_control"]["host"], "other.test");
     EXPECT_EQ(document["server_control"]["region"], "us");
-    EXPECT_EQ(document["server_alias"]["alias"], "new");
+    EXPECT_EQ(document["server_id"], "S2");
     EXPECT_EQ(document["extra"]["kept"], true);
 
     // An explicit path writes there, not into the object's own file.
-    const std::string elsewhere = dir / "elsewhere.conf";
-    ASSERT_TRUE(conf.WriteServerId(elsewhere));
-    EXPECT_EQ(ReadJson(elsewhere)["server_id"], "S2");
+    ASSERT_TRUE(conf.WriteServerId(dir / "elsewhere.conf"));
+    EXPECT_EQ(ReadJson(dir / "elsewhere.conf")["server_id"], "S2");
+    // A section saved into a missing file gives the other sections defaults.
+    const std::string fresh = dir / "fresh.conf";
+    AliasConf first(fresh.c_str());
+    ASSERT_TRUE(first.SetAliasName("first") && first.Save());
+    ServerConf control(nullptr, nullptr);
+    EXPECT_TRUE(control.LoadFromJson(ReadJson(fresh)["server_control"]) && control.IsValid());
 }
 
-TEST_F(RelaydConfFile, UnusableFilesGiveDefaults) {
+TEST_F(ConfFile, UnusableFilesGiveDefaultsAndRefusedValuesChangeNothing) {
     for (const char* text : {"{not json", "[1, 2]", "", R"({"server_control": {"host": 7}})",
                              R"({"server_alias": {"alias": "x"}, "server_id": 12})"}) {
-        WriteText(path, text);
+        WriteFile(path, text);
         RelaydConf conf(path.c_str());
         EXPECT_EQ(conf.serverControl.GetHost(), FARLINK_PRIMARY_CONTROL_HOST) << text;
         EXPECT_EQ(conf.serverAlias.GetAliasName(), "") << text;
@@ -129,31 +103,27 @@ TEST_F(RelaydConfFile, UnusableFilesGiveDefaults) {
     RelaydConf fromDirectory(dir.path().c_str());
     EXPECT_TRUE(fromDirectory.IsValid());
     EXPECT_FALSE(fromDirectory.Save());
-    RelaydConf inMissingDir((dir / "no/such/dir.conf").c_str());
-    EXPECT_FALSE(inMissingDir.Save());
-}
+    EXPECT_FALSE(RelaydConf((dir / "no/such/dir.conf").c_str()).Save());
 
-TEST_F(RelaydConfFile, RefusedValuesChangeNothing) {
     RelaydConf conf(path.c_str());
     ASSERT_TRUE(conf.Save());
-    const std::string before = relay_test::ReadText(path);
+    const std::string before = ReadFile(path);
     EXPECT_FALSE(conf.serverAlias.SetAliasName(std::string(64, 'a')));
     EXPECT_FALSE(conf.WriteControlServerHost("", ""));
     EXPECT_EQ(conf.serverControl.GetHost(), FARLINK_PRIMARY_CONTROL_HOST);
-    EXPECT_EQ(relay_test::ReadText(path), before);
+    EXPECT_EQ(ReadFile(path), before);
 }
 
-TEST(ServerRecord, LoadingIsAllOrNothingAndChecked) {
+TEST(ServerRecord, LoadingAndOverwriteAreAllOrNothingAndChecked) {
     ServerConf server(nullptr, nullptr);
-    const Json::Value good = ParseJson(R"({"host": "a.test", "region": "jp"})");
-    ASSERT_TRUE(server.LoadFromJson(good));
+    ASSERT_TRUE(server.LoadFromJson(ParseJson(R"({"host": "a.test", "region": "jp"})")));
     EXPECT_TRUE(server.IsValid());
-
-    for (const char* text : {R"({"region": "x"})", R"({"host": "b.test", "port": "443"})",
-                             R"({"host": ""})", R"("a.test")", "null"}) {
+    EXPECT_FALSE(server.LoadFromJson(ParseJson(R"({"region": "x"})"))) << "a record needs its host";
+    for (const char* text : {R"({"host": "b.test", "port": "443"})", R"({"host": ""})",
+                             R"({"host": "t.test", "region": 5})", R"("a.test")", "null"}) {
         EXPECT_FALSE(server.LoadFromJson(ParseJson(text))) << text;
-        EXPECT_EQ(server.GetHost(), "a.test") << text;
-        EXPECT_EQ(server.GetRegion(), "jp") << text;
+        EXPECT_FALSE(server.Overwrite(ParseJson(text))) << text;
+        EXPECT_EQ(server.GetHost() + " " + server.GetRegion(), "a.test jp") << text;
     }
     // Well-typed but unusable values load and are then refused by IsValid,
     // which also keeps them out of the file.
@@ -165,20 +135,10 @@ TEST(ServerRecord, LoadingIsAllOrNothingAndChecked) {
         EXPECT_FALSE(record.IsValid()) << text;
         EXPECT_FALSE(record.Save()) << text;
     }
-}
-
-TEST(ServerRecord, OverwriteTakesKnownMembersOnly) {
-    ServerConf server(nullptr, nullptr);
+    // Overwrite takes the known members only and keeps the others' values.
     ASSERT_TRUE(server.Overwrite(ParseJson(R"({"host": "s.test", "region": "eu", "other": 1})")));
-    EXPECT_EQ(server.GetHost(), "s.test");
-    EXPECT_EQ(server.GetRegion(), "eu");
+    EXPECT_EQ(server.GetHost() + " " + server.GetRegion(), "s.test eu");
     EXPECT_EQ(server.GetDDNSDomain(), FARLINK_DEFAULT_DIRECT_DOMAIN);
-
-    EXPECT_FALSE(server.Overwrite(ParseJson(R"({"host": "t.test", "region": 5})")));
-    EXPECT_FALSE(server.Overwrite(ParseJson(R"({"host": ""})")));
-    EXPECT_FALSE(server.Overwrite(Json::Value("s")));
-    EXPECT_EQ(server.GetHost(), "s.test");
-    EXPECT_EQ(server.GetRegion(), "eu");
 }
 
 TEST(ServerRecord, UrlForm) {
@@ -191,75 +151,53 @@ TEST(ServerRecord, UrlForm) {
     EXPECT_EQ(server.GetUrl(nullptr), "http://[::1]:8080/Serv.php");
 }
 
-class MiscConfFile : public ::testing::Test {
-protected:
-    TempDir dir;
+TEST(MiscConfFile, DefaultsLoadFlagOverwriteAndBadFiles) {
+    const relay_test::TempDir dir;
     const std::string path = dir / "misc.conf";
-};
-
-TEST_F(MiscConfFile, DefaultsAndLoadFlag) {
-    WriteText(path, R"({"upnp": {"enabled": true}, "vendor": 3})");
-    Json::Value defaults;
-    ASSERT_TRUE(MiscConf(path.c_str(), false).Write(defaults, true));
-    EXPECT_EQ(defaults["relay_tunnel"]["relay_enabled"], true);
-    EXPECT_EQ(defaults["upnp"]["enabled"], false);
-    EXPECT_EQ(defaults["smartdns"]["smartdns_support_type"], 1);
-    EXPECT_FALSE(defaults.isMember("vendor"));
-
-    Json::Value loaded;
+    const Json::Value defaults = ParseJson(R"({"relay_tunnel": {"relay_enabled": true},
+        "upnp": {"enabled": false}, "smartdns": {"smartdns_support_type": 1}})");
+    const Json::Value changes = ParseJson(R"({"upnp": {"enabled": true}, "vendor": 3})");
+    WriteFile(path, changes.toStyledString());
+    Json::Value unloaded, loaded, changedOnly;
+    EXPECT_TRUE(MiscConf(path.c_str(), false).Write(unloaded, true) && unloaded == defaults);
     MiscConf fromFile(path.c_str(), true);
-    ASSERT_TRUE(fromFile.Write(loaded, true));
-    EXPECT_EQ(loaded["upnp"]["enabled"], true);
-    EXPECT_EQ(loaded["relay_tunnel"]["relay_enabled"], true);
-    EXPECT_EQ(loaded["vendor"], 3);
+    ASSERT_TRUE(fromFile.Write(loaded, true) && fromFile.Write(changedOnly, false));
+    EXPECT_EQ(loaded["relay_tunnel"], defaults["relay_tunnel"]);
+    EXPECT_EQ(changedOnly, changes) << "the file's values over the defaults";
 
-    Json::Value changedOnly;
-    ASSERT_TRUE(fromFile.Write(changedOnly, false));
-    EXPECT_EQ(changedOnly.size(), 2u);
-}
-
-TEST_F(MiscConfFile, OverwriteItemSurvivesSaveAndBadFilesGiveDefaults) {
-    MiscConf misc(path.c_str(), true);
-    Json::Value tunnel(Json::objectValue);
-    tunnel["relay_enabled"] = false;
-    ASSERT_TRUE(misc.OverwriteItem("relay_tunnel", tunnel));
-    ASSERT_TRUE(misc.Save());
+    ASSERT_TRUE(fromFile.OverwriteItem("relay_tunnel", ParseJson(R"({"relay_enabled": false})")));
+    ASSERT_TRUE(fromFile.Save());
     EXPECT_EQ(ReadJson(path)["relay_tunnel"]["relay_enabled"], false);
-    EXPECT_EQ(ReadJson(path)["upnp"]["enabled"], false);
-
+    EXPECT_EQ(ReadJson(path)["upnp"]["enabled"], true);
     for (const char* text : {"{broken", "[]", "42"}) {
-        WriteText(path, text);
+        WriteFile(path, text);
         Json::Value settings;
-        ASSERT_TRUE(MiscConf(path.c_str(), true).Write(settings, true)) << text;
-        EXPECT_EQ(settings["relay_tunnel"]["relay_enabled"], true) << text;
+        EXPECT_TRUE(MiscConf(path.c_str(), true).Write(settings, true) && settings == defaults)
+            << text;
     }
 }
 
 class AtomicWrite : public ::testing::Test {
 protected:
-    TempDir dir;
+    relay_test::TempDir dir;
     const std::string path = dir / "file.json";
 };
 
-TEST_F(AtomicWrite, ReplacesContentWithModeAndLeavesNoTemporary) {
-    using farlink::WriteFileAtomically;
+TEST_F(AtomicWrite, ReplacesContentWithModeOrKeepsTheOldFileAndLeavesNoTemporary) {
     ASSERT_TRUE(WriteFileAtomically(path, "one", 0600));
     ASSERT_TRUE(WriteFileAtomically(path, "two", 0644));
-    EXPECT_EQ(relay_test::ReadText(path), "two");
+    EXPECT_EQ(ReadFile(path), "two");
     struct stat info {};
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0644u);
     EXPECT_EQ(dir.Entries(), std::vector<std::string>{"file.json"});
-}
 
-TEST_F(AtomicWrite, FailureKeepsTheOldFileAndLeavesNoTemporary) {
-    using farlink::WriteFileAtomically;
     // A directory in the target's place makes the final rename fail.
     const std::string blocked = dir / "blocked";
     ASSERT_EQ(mkdir(blocked.c_str(), 0755), 0);
-    WriteText(blocked + "/inside", "x");
+    WriteFile(blocked + "/inside", "x");
     EXPECT_FALSE(WriteFileAtomically(blocked, "new", 0644));
-    EXPECT_EQ(dir.Entries(), std::vector<std::string>{"blocked"});
+    EXPECT_EQ(dir.Entries(), (std::vector<std::string>{"blocked", "file.json"}));
     EXPECT_FALSE(WriteFileAtomically(dir / "missing/file", "new", 0644));
     EXPECT_FALSE(WriteFileAtomically("", "new", 0644));
 }
@@ -267,17 +205,15 @@ TEST_F(AtomicWrite, FailureKeepsTheOldFileAndLeavesNoTemporary) {
 TEST_F(AtomicWrite, ConcurrentReaderNeverSeesATornFile) {
     const std::string small = R"({"a": 1})";
     const std::string large = "{\"b\": \"" + std::string(256 * 1024, 'x') + "\"}";
-    ASSERT_TRUE(farlink::WriteFileAtomically(path, small, 0644));
+    ASSERT_TRUE(WriteFileAtomically(path, small, 0644));
     std::atomic<bool> done{false};
     std::thread writer([&] {
-        for (int i = 0; i < 60; ++i) {
-            farlink::WriteFileAtomically(path, i % 2 ? small : large, 0644);
-        }
+        for (int i = 0; i < 60; ++i) WriteFileAtomically(path, i % 2 ? small : large, 0644);
         done = true;
     });
     int reads = 0;
     while (!done) {
-        const std::string seen = relay_test::ReadText(path);
+        const std::string seen = ReadFile(path);
         ASSERT_TRUE(seen == small || seen == large) << "torn read of " << seen.size() << " bytes";
         ++reads;
     }

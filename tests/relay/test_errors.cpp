@@ -2,85 +2,55 @@
 #include <gtest/gtest.h>
 #include <orvo/relayd.h>
 
-#include <set>
 #include <string>
 
 using namespace ORVO::Relay;
 
 namespace {
 
-Json::Value WithErrno(const Json::Value& number) {
-    Json::Value answer(Json::objectValue);
-    answer["errno"] = number;
-    return answer;
-}
-
-TEST(ParseServerError, ReadsOnlyIntegerErrorNumbersOfObjects) {
+TEST(ServerErrors, OnlyIntegerErrorNumbersOfObjectsAreReadAndEachTranslates) {
+    const auto withErrno = [](const Json::Value& number) {
+        Json::Value answer(Json::objectValue);
+        answer["errno"] = number;
+        return answer;
+    };
     EXPECT_EQ(ParseServerError(Json::Value(Json::objectValue)), RELAYSERVER_OK);
-    EXPECT_EQ(ParseServerError(WithErrno(0)), RELAYSERVER_OK);
-    EXPECT_EQ(ParseServerError(WithErrno(6)), RELAYSERVER_ERR_ALIAS_TAKEN);
-    EXPECT_EQ(ParseServerError(WithErrno(3.0)), RELAYSERVER_ERR_AUTH);
-    EXPECT_EQ(static_cast<int>(ParseServerError(WithErrno(99))), 99);
-
-    for (const Json::Value& bad : {Json::Value("3"), Json::Value(true), Json::Value(),
-                                   Json::Value(2.5), Json::Value(1e12)}) {
-        SCOPED_TRACE(bad.toStyledString());
-        EXPECT_EQ(ParseServerError(WithErrno(bad)), RELAYSERVER_ERR_MALFORMED);
+    EXPECT_EQ(ParseServerError(withErrno(0)), RELAYSERVER_OK);
+    EXPECT_EQ(ParseServerError(withErrno(6)), RELAYSERVER_ERR_ALIAS_TAKEN);
+    EXPECT_EQ(ParseServerError(withErrno(3.0)), RELAYSERVER_ERR_AUTH);
+    EXPECT_EQ(static_cast<int>(ParseServerError(withErrno(99))), 99);
+    for (const Json::Value& bad :
+         {withErrno("3"), withErrno(true), withErrno(Json::Value()), withErrno(2.5),
+          withErrno(1e12), Json::Value(), Json::Value(Json::arrayValue), Json::Value("errno")}) {
+        EXPECT_EQ(ParseServerError(bad), RELAYSERVER_ERR_MALFORMED) << bad.toStyledString();
     }
-    for (const Json::Value& notObject :
-         {Json::Value(), Json::Value(Json::arrayValue), Json::Value("errno")}) {
-        EXPECT_EQ(ParseServerError(notObject), RELAYSERVER_ERR_MALFORMED);
-    }
-}
 
-TEST(RespErrMap, TranslatesEveryServerError) {
+    // The translation of the errors whose meaning the daemon acts on, and of
+    // unknown ones.
     const std::pair<RELAYSERVER_ERR, RELAYD_RET> table[] = {
         {RELAYSERVER_OK, RELAYD_OK},
-        {RELAYSERVER_ERR_UNKNOWN_COMMAND, RELAYD_ERR_UNSUPPORTED},
-        {RELAYSERVER_ERR_BAD_REQUEST, RELAYD_ERR_INVALID_ARG},
         {RELAYSERVER_ERR_AUTH, RELAYD_ERR_AUTH},
         {RELAYSERVER_ERR_BUSY, RELAYD_ERR_SERVER_BUSY},
         {RELAYSERVER_ERR_APIKEY_EXPIRED, RELAYD_ERR_APIKEY_EXPIRED},
         {RELAYSERVER_ERR_ALIAS_TAKEN, RELAYD_ERR_UNKNOWN},
-        {RELAYSERVER_ERR_ALIAS_RESERVED, RELAYD_ERR_UNKNOWN},
-        {RELAYSERVER_ERR_ACCOUNT_AUTH, RELAYD_ERR_UNKNOWN},
-        {RELAYSERVER_ERR_ACCOUNT_LIMIT, RELAYD_ERR_UNKNOWN},
         {RELAYSERVER_ERR_NOT_REGISTERED, RELAYD_ERR_NOT_REGISTERED},
-        {RELAYSERVER_ERR_INTERNAL, RELAYD_ERR_SERVER_INTERNAL},
-        {RELAYSERVER_ERR_ACCOUNT_UNVERIFIED, RELAYD_ERR_UNKNOWN},
         {RELAYSERVER_ERR_UNSUPPORTED_VERSION, RELAYD_ERR_UNSUPPORTED},
         {RELAYSERVER_ERR_VIOLATION, RELAYD_ERR_VIOLATION},
         {RELAYSERVER_ERR_MALFORMED, RELAYD_ERR_BAD_RESPONSE},
-        {static_cast<RELAYSERVER_ERR>(99), RELAYD_ERR_UNKNOWN},
-        {static_cast<RELAYSERVER_ERR>(-7), RELAYD_ERR_UNKNOWN},
-    };
-    for (const auto& [error, expected] : table) {
-        EXPECT_EQ(RespErrMap(error), expected) << "server error " << error;
-    }
+        {RELAYSERVER_ERR(99), RELAYD_ERR_UNKNOWN},
+        {RELAYSERVER_ERR(-7), RELAYD_ERR_UNKNOWN}};
+    for (const auto& [error, expected] : table) EXPECT_EQ(RespErrMap(error), expected) << error;
 }
 
-TEST(ResultTexts, EveryResultHasItsOwnText) {
-    std::set<std::string> texts;
-    for (int ret : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 30, 255}) {
-        const char* text = GetErrorStr(static_cast<RELAYD_RET>(ret));
-        ASSERT_NE(text, nullptr);
-        EXPECT_TRUE(texts.insert(text).second) << "duplicate text for " << ret;
-    }
-    EXPECT_STREQ(GetErrorStr(static_cast<RELAYD_RET>(16)), "unknown error");
-    EXPECT_STREQ(GetErrorStr(static_cast<RELAYD_RET>(-1)), "unknown error");
-
+TEST(ResultTexts, UnknownResultsReadAsUnknown) {
+    EXPECT_STREQ(GetErrorStr(RELAYD_RET(16)), "unknown error");
+    EXPECT_STRNE(GetErrorStr(RELAYD_ERR_TIMEOUT), GetErrorStr(RELAYD_ERR_TLS));
     AliasRequest request;
-    std::set<std::string> aliasTexts;
-    for (int ret : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 30}) {
-        std::string text;
-        EXPECT_TRUE(request.ResponseToString(static_cast<ALIAS_RET>(ret), text));
-        EXPECT_TRUE(aliasTexts.insert(text).second) << "duplicate text for " << ret;
-    }
-    for (int unknown : {0, 13, 255}) {
-        std::string text = "stale";
-        EXPECT_FALSE(request.ResponseToString(static_cast<ALIAS_RET>(unknown), text));
-        EXPECT_EQ(text, "unknown error");
-    }
+    std::string text = "stale";
+    EXPECT_FALSE(request.ResponseToString(ALIAS_RET(13), text));
+    EXPECT_EQ(text, "unknown error");
+    EXPECT_TRUE(request.ResponseToString(ALIAS_ERR_TAKEN, text));
+    EXPECT_NE(text, "unknown error");
 }
 
 }  // namespace

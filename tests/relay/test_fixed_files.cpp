@@ -9,9 +9,9 @@
 
 using namespace ORVO::Relay;
 namespace Paths = ORVO::Paths;
+using relay_test::ReadFile;
 using relay_test::ReadJson;
-using relay_test::ReadText;
-using relay_test::WriteText;
+using relay_test::WriteFile;
 
 namespace {
 
@@ -20,86 +20,37 @@ protected:
     void SetUp() override { relay_test::ResetRelayFolders(); }
 };
 
-// The web API server's credentials: root as real and saved ids, an
-// unprivileged user as the effective ones.
-class ScopedUnraisedIds {
-public:
-    ScopedUnraisedIds() {
-        EXPECT_EQ(setresgid(-1, kNobody, -1), 0);
-        EXPECT_EQ(setresuid(-1, kNobody, -1), 0);
-    }
-    ~ScopedUnraisedIds() {
-        EXPECT_EQ(setresuid(-1, 0, -1), 0);
-        EXPECT_EQ(setresgid(-1, 0, -1), 0);
-    }
-    static constexpr uid_t kNobody = 65534;
-};
-
-TEST_F(FixedFiles, AuthConfNeedsBothCredentials) {
+// Callers read the credentials and record the alias status with the web
+// API server's ids (root as real and saved ids, an unprivileged user as the
+// effective ones), although both files are root's; their ids stay as they were.
+TEST_F(FixedFiles, AuthConfNeedsBothCredentialsAndNoRaisedIds) {
     AuthConf auth;
-    Json::Value out;
+    Json::Value out, forLog;
+    EXPECT_FALSE(auth.ReadConf()) << "no file";
     for (const char* text :
          {R"({"serial": "SN1", "api_key": ""})", R"({"serial": 5, "api_key": "K"})", "{oops"}) {
-        WriteText(Paths::kAuthConf, text);
+        WriteFile(Paths::kAuthConf, text);
         EXPECT_FALSE(auth.ReadConf()) << text;
         EXPECT_FALSE(auth.Write(out, true)) << text;
     }
-    WriteText(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
-    ASSERT_TRUE(auth.ReadConf());
-    ASSERT_TRUE(auth.Write(out, true));
+    WriteFile(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
+    ASSERT_EQ(chmod(Paths::kAuthConf, 0600), 0);
+    ASSERT_EQ(setresgid(-1, 65534, -1), 0);
+    ASSERT_EQ(setresuid(-1, 65534, -1), 0);
+    const bool read = auth.ReadConf();
+    const bool recorded = AliasStatus().SetStatus("box", "success", "", true);
+    const uid_t euid = geteuid();
+    const gid_t egid = getegid();
+    ASSERT_EQ(setresuid(-1, 0, -1), 0);
+    ASSERT_EQ(setresgid(-1, 0, -1), 0);
+    EXPECT_TRUE(read && recorded);
+    EXPECT_EQ(euid, 65534u);
+    EXPECT_EQ(egid, 65534u);
+
+    ASSERT_TRUE(auth.Write(out, true) && auth.Write(forLog, false));
     EXPECT_EQ(out["serial"], "SN1");
     EXPECT_EQ(out["api_key"], "K1");
-    Json::Value forLog;
-    ASSERT_TRUE(auth.Write(forLog, false));
     EXPECT_FALSE(forLog.isMember("api_key"));
-}
-
-TEST_F(FixedFiles, AliasStatusKeepsOneRecordPerAlias) {
-    AliasStatus records;
-    std::string status = "unknown", error = "untouched";
-    EXPECT_FALSE(records.GetStatus("box", status, error));
-    EXPECT_EQ(status, "unknown");
-
-    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
-    ASSERT_TRUE(records.SetStatus("other", "failed", "taken", true));
-    ASSERT_TRUE(records.GetStatus("box", status, error));
-    EXPECT_EQ(status, "success");
-    EXPECT_EQ(error, "");
-    ASSERT_TRUE(records.GetStatus("other", status, error));
-    EXPECT_EQ(error, "taken");
-
-    const std::string before = ReadText(Paths::kAliasStatus);
-    EXPECT_TRUE(records.SetStatus("box", "changed", "", false));
-    EXPECT_EQ(ReadText(Paths::kAliasStatus), before);
-
-    WriteText(Paths::kAliasStatus, R"({"box": {"error": "x"}, "bad": 3})");
-    EXPECT_FALSE(records.GetStatus("box", status, error));
-    EXPECT_FALSE(records.GetStatus("bad", status, error));
-    WriteText(Paths::kAliasStatus, "[not json");
-    EXPECT_FALSE(records.GetStatus("box", status, error));
-    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
-    EXPECT_TRUE(records.GetStatus("box", status, error));
-}
-
-// Callers read the credentials and record the alias status without raising
-// their ids, although both files are root's.
-TEST_F(FixedFiles, CredentialsAndAliasStatusNeedNoRaisedIds) {
-    WriteText(Paths::kAuthConf, R"({"serial": "SN1", "api_key": "K1"})");
-    ASSERT_EQ(chmod(Paths::kAuthConf, 0600), 0);
-    AuthConf auth;
-    AliasStatus records;
-    {
-        const ScopedUnraisedIds unraised;
-        EXPECT_TRUE(auth.ReadConf());
-        EXPECT_EQ(geteuid(), ScopedUnraisedIds::kNobody);
-        EXPECT_EQ(getegid(), ScopedUnraisedIds::kNobody);
-        EXPECT_TRUE(records.SetStatus("box", "success", "", true));
-        EXPECT_EQ(geteuid(), ScopedUnraisedIds::kNobody);
-        EXPECT_EQ(getegid(), ScopedUnraisedIds::kNobody);
-    }
-    Json::Value out;
-    ASSERT_TRUE(auth.Write(out, true));
-    EXPECT_EQ(out["api_key"], "K1");
     EXPECT_EQ(ReadJson(Paths::kAliasStatus)["box"]["status"], "success");
     struct stat written {};
     ASSERT_EQ(stat(Paths::kAliasStatus, &written), 0);
@@ -107,23 +58,41 @@ TEST_F(FixedFiles, CredentialsAndAliasStatusNeedNoRaisedIds) {
     EXPECT_EQ(written.st_gid, 0u);
 }
 
-TEST_F(FixedFiles, ServicePermissionWritesAndReadsTheDefaultList) {
-    ServicePermission generated(false);
-    ASSERT_TRUE(generated.GenPermissionConf());
-    const Json::Value written = ReadJson(Paths::kServicesConf);
-    ASSERT_TRUE(written.isArray());
-    ASSERT_EQ(written.size(), 6u);
-    for (const auto& entry : written) {
-        EXPECT_TRUE(entry["id"].isString());
-        EXPECT_TRUE(entry["enabled"].isBool());
-    }
-    EXPECT_EQ(ServicePermission(true).GetServices(), written);
+TEST_F(FixedFiles, AliasStatusKeepsOneRecordPerAlias) {
+    AliasStatus records;
+    std::string status = "unknown", error = "untouched";
+    EXPECT_FALSE(records.GetStatus("box", status, error));
+    EXPECT_EQ(status, "unknown");
+    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
+    ASSERT_TRUE(records.SetStatus("other", "failed", "taken", true));
+    EXPECT_TRUE(records.SetStatus("box", "changed", "", false)) << "no save: the file stays";
+    EXPECT_EQ(ReadJson(Paths::kAliasStatus), relay_test::ParseJson(R"({
+        "box": {"status": "success", "error": ""}, "other": {"status": "failed", "error": "taken"}})"));
+    ASSERT_TRUE(records.GetStatus("other", status, error));
+    EXPECT_EQ(status + "/" + error, "failed/taken");
 
-    WriteText(Paths::kServicesConf, R"([{"id": "web", "enabled": false}])");
+    // Unusable records or files read as absent; a save starts them over.
+    for (const char* text : {R"({"box": {"error": "x"}, "bad": 3})", "[not json"}) {
+        WriteFile(Paths::kAliasStatus, text);
+        EXPECT_FALSE(records.GetStatus("box", status, error) ||
+                     records.GetStatus("bad", status, error));
+    }
+    ASSERT_TRUE(records.SetStatus("box", "success", "", true));
+    EXPECT_TRUE(records.GetStatus("box", status, error));
+}
+
+TEST_F(FixedFiles, ServicePermissionWritesAndReadsTheDefaultList) {
+    ASSERT_TRUE(ServicePermission(false).GenPermissionConf());
+    const Json::Value written = ReadJson(Paths::kServicesConf);
+    ASSERT_EQ(written.size(), 6u);
+    for (const auto& entry : written)
+        EXPECT_TRUE(entry["id"].isString() && entry["enabled"].isBool()) << entry.toStyledString();
+    EXPECT_EQ(ServicePermission(true).GetServices(), written);
+    WriteFile(Paths::kServicesConf, R"([{"id": "web", "enabled": false}])");
     EXPECT_EQ(ServicePermission(true).GetServices().size(), 1u);
     EXPECT_EQ(ServicePermission(false).GetServices(), written) << "without load: the defaults";
     // A list that is not one stands for the defaults, as a missing file does.
-    WriteText(Paths::kServicesConf, R"({"not": "an array"})");
+    WriteFile(Paths::kServicesConf, R"({"not": "an array"})");
     EXPECT_EQ(ServicePermission(true).GetServices(), written);
 }
 
@@ -140,7 +109,6 @@ TEST_F(FixedFiles, SniRefusesImplausibleDomains) {
     EXPECT_EQ(ReadJson(Paths::kSniConf)["domain"], "relay.example.test.");
     EXPECT_FALSE(Utils::EnableRelaySNI("bad..name"));
     EXPECT_EQ(ReadJson(Paths::kSniConf)["domain"], "relay.example.test.");
-
     ASSERT_TRUE(Utils::DisableRelaySNI());
     EXPECT_EQ(ReadJson(Paths::kSniConf)["enabled"], false);
 }
@@ -148,22 +116,19 @@ TEST_F(FixedFiles, SniRefusesImplausibleDomains) {
 TEST_F(FixedFiles, StatusWithoutDaemonReportsNotRunning) {
     std::string serverId = "stale", status, error = "stale";
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
-    EXPECT_EQ(status, "not_running");
-    EXPECT_EQ(error, "");
-    EXPECT_EQ(serverId, "");
+    EXPECT_EQ(serverId + "/" + status + "/" + error, "/not_running/");
 
-    WriteText(Paths::kRelaydConf, R"({"server_id": "SID-9"})");
+    WriteFile(Paths::kRelaydConf, R"({"server_id": "SID-9"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
     EXPECT_EQ(serverId, "SID-9");
-
     const relay_test::TempDir dir;
-    WriteText(dir / "alt.conf", R"({"server_id": "SID-ALT"})");
+    WriteFile(dir / "alt.conf", R"({"server_id": "SID-ALT"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error, (dir / "alt.conf").c_str()));
     EXPECT_EQ(serverId, "SID-ALT");
 
     // A pid file naming a process that is not the daemon (this test) is stale.
-    WriteText(Paths::kRelaydPidFile, std::to_string(getpid()) + "\n");
-    WriteText(Paths::kRelaydStatus, R"({"status": "connected"})");
+    WriteFile(Paths::kRelaydPidFile, std::to_string(getpid()) + "\n");
+    WriteFile(Paths::kRelaydStatus, R"({"status": "connected"})");
     EXPECT_TRUE(Daemon::GetStatus(serverId, status, error));
     EXPECT_EQ(status, "not_running");
     EXPECT_EQ(Daemon::UpdateAlias(), -1);

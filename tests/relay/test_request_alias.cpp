@@ -6,7 +6,6 @@
 #include "test_request_harness.h"
 
 using namespace ORVO::Relay;
-using farlink_test::ClosedPort;
 
 namespace {
 
@@ -17,27 +16,20 @@ protected:
         PointRegisterSiteAt("127.0.0.1", Server().httpPort);
     }
 
+    // The configuration's other sections are the defaults.
     static void PointRegisterSiteAt(const std::string& host, int port) {
-        RelaydConf conf(ORVO::Paths::kRelaydConf);
-        Json::Value site(Json::objectValue);
-        site["host"] = host;
-        site["scheme"] = "http";
-        site["port"] = port;
-        ASSERT_TRUE(conf.serverControl.Overwrite(site));
-        // A fresh configuration has no alias or account yet, which Save()
-        // refuses; the document itself is what the request reads.
-        Json::Value document(Json::objectValue);
-        ASSERT_TRUE(conf.Write(document, true));
+        Json::Value document;
+        document["server_control"]["host"] = host;
+        document["server_control"]["scheme"] = "http";
+        document["server_control"]["port"] = port;
         mkdir(ORVO::Paths::kRelaydConfDir, 0755);
         ASSERT_TRUE(RelaydConf::WriteJsonFile(ORVO::Paths::kRelaydConf, document));
     }
 
+    // Registers a box at the control server; its server ID.
     std::string Register(const std::string& serial) {
-        Json::Value body(Json::objectValue);
-        body["version"] = 1;
-        body["command"] = "register";
-        body["auth"]["serial"] = serial;
-        body["auth"]["api_key"] = "key";
+        Json::Value body = relay_test::ParseJson(R"({"version": 1, "command": "register",
+            "auth": {"serial": ")" + serial + R"(", "api_key": "key"}})");
         Request request(Server().Url(), body, true);
         Json::Value answer;
         EXPECT_TRUE(request.Send() && request.GetResponse(answer));
@@ -72,14 +64,10 @@ TEST_F(AliasRequestTest, BindsAliasesAtTheRegisterSite) {
     EXPECT_EQ(sent["serverID"], first);
     EXPECT_EQ(sent["force"], "false");
 
+    // The server's own rules (taken, forced) come back as results.
     EXPECT_EQ(SendAlias(ALIAS_REQUEST_QUERY, second, "mybox"), ALIAS_ERR_TAKEN);
     EXPECT_EQ(Server().Records().back()["command"], "query_alias");
-    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, second, "mybox"), ALIAS_ERR_TAKEN);
     EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, second, "mybox", "true"), ALIAS_OK);
-    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, first, "mybox"), ALIAS_ERR_TAKEN);
-
-    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, "unknown-id", "other"), ALIAS_ERR_NOT_REGISTERED);
-    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, first, "9lives"), ALIAS_ERR_PARAM);
 }
 
 TEST_F(AliasRequestTest, ServerErrorsBecomeAliasResults) {
@@ -101,25 +89,19 @@ TEST_F(AliasRequestTest, ServerErrorsBecomeAliasResults) {
     }
     ASSERT_TRUE(Server().Fault("malformed"));
     EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, "id", "box"), ALIAS_ERR_UNKNOWN);
-}
-
-TEST_F(AliasRequestTest, TransportFailuresBecomeAliasResults) {
     ASSERT_TRUE(Server().Fault("close"));
     EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, "id", "box"), ALIAS_ERR_NETWORK);
-
-    PointRegisterSiteAt("nonexistent.invalid", 80);
-    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, "id", "box"), ALIAS_ERR_RESOLVE);
 }
 
 TEST_F(AliasRequestTest, ReadsTheRegisterSiteWhenSent) {
-    Json::Value body(Json::objectValue);
-    body["alias"] = "box";
     AliasRequest request;
-    ASSERT_TRUE(request.SetRequest(ALIAS_REQUEST_SET, body));
-    PointRegisterSiteAt("127.0.0.1", ClosedPort());
+    ASSERT_TRUE(request.SetRequest(ALIAS_REQUEST_SET, relay_test::ParseJson(R"({"alias": "b"})")));
+    PointRegisterSiteAt("127.0.0.1", std::atoi(farlink_test::kClosedPort));
     ALIAS_RET ret = ALIAS_RET_UNSET;
     EXPECT_FALSE(request.Send(ret));
     EXPECT_EQ(ret, ALIAS_ERR_NETWORK);
+    PointRegisterSiteAt("nonexistent.invalid", 80);
+    EXPECT_EQ(SendAlias(ALIAS_REQUEST_SET, "id", "box"), ALIAS_ERR_RESOLVE);
 }
 
 TEST(AliasRequestSetup, RefusesRequestsItCannotSend) {

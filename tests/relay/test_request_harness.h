@@ -2,81 +2,60 @@
 // with ports of its own choosing and a throw-away CA and certificate.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <json/reader.h>
-#include <netinet/in.h>
 #include <orvo/relayd.h>
-#include <poll.h>
 #include <private_root.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "relay_test_support.h"
 
 namespace farlink_test {
 
 class ControlServer {
 public:
-    ~ControlServer() {
-        Stop();
-        if (!dir_.empty()) {
-            std::error_code ignored;
-            std::filesystem::remove_all(dir_, ignored);  // keys included
-        }
-    }
+    ~ControlServer() { Stop(); }
 
-    // Certificates, start, wait for "ready". Failures are test failures.
+    // Certificate, start, wait for "ready". Failures are test failures.
     void Start() {
-        char dirTemplate[] = "/tmp/farlink-controlserver-XXXXXX";
-        ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-        dir_ = dirTemplate;
-        MakeCertificates();
+        // A self-signed certificate that is its own CA.
+        const std::string certificate =
+            "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost -keyout " +
+            dir_ / "server.key" + " -out " + CaPath() +
+            " -addext subjectAltName=DNS:*.farlink.test,DNS:*.farlink-cn.test,DNS:localhost,"
+            "IP:127.0.0.1 >/dev/null 2>&1";
+        ASSERT_EQ(std::system(certificate.c_str()), 0);
         int out[2];
         ASSERT_EQ(pipe(out), 0);
         pid_ = fork();
         ASSERT_GE(pid_, 0);
         if (pid_ == 0) {
             dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            const std::string program = ProgramDir() + "/farlink-controlserver";
-            const std::vector<std::string> args = {program,
-                                                   "--cert",
-                                                   dir_ + "/server.pem",
-                                                   "--key",
-                                                   dir_ + "/server.key",
-                                                   "--records",
-                                                   RecordsPath(),
-                                                   "--bind",
-                                                   "127.0.0.1",
-                                                   "--https-port",
-                                                   "0",
-                                                   "--http-port",
-                                                   "0",
-                                                   "--control",
-                                                   "127.0.0.1:0",
-                                                   "--ports-file",
-                                                   dir_ + "/ports.json"};
-            std::vector<char*> argv;
-            for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-            argv.push_back(nullptr);
-            execv(program.c_str(), argv.data());
+            const std::string program =
+                std::filesystem::read_symlink("/proc/self/exe").parent_path() /
+                "farlink-controlserver";
+            execl(program.c_str(), program.c_str(), "--cert", CaPath().c_str(), "--key",
+                  (dir_ / "server.key").c_str(), "--records", RecordsPath().c_str(), "--bind",
+                  "127.0.0.1", "--https-port", "0", "--http-port", "0", "--control", "127.0.0.1:0",
+                  "--ports-file", (dir_ / "ports.json").c_str(), nullptr);
             _exit(127);
         }
         close(out[1]);
-        const std::string line = ReadLine(out[0]);
-        close(out[0]);
-        ASSERT_EQ(line, "ready") << "farlink-controlserver did not start";
-        Json::Value ports = ReadJson(dir_ + "/ports.json");
+        FILE* output = fdopen(out[0], "r");
+        char line[16] = {};
+        const bool ready = std::fgets(line, sizeof line, output) != nullptr;
+        std::fclose(output);
+        ASSERT_TRUE(ready && std::string(line) == "ready\n") << "the server did not start";
+        const Json::Value ports = relay_test::ReadJson(dir_ / "ports.json");
         httpPort = ports["http"].asInt();
         httpsPort = ports["https"].asInt();
         controlPort = ports["control"].asInt();
@@ -92,10 +71,9 @@ public:
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
-    std::string Url(const std::string& host = "127.0.0.1", const std::string& path = "/Serv.php",
-                    bool https = false) const {
+    std::string Url(const std::string& host = "127.0.0.1", bool https = false) const {
         return (https ? "https://" : "http://") + host + ":" +
-               std::to_string(https ? httpsPort : httpPort) + path;
+               std::to_string(https ? httpsPort : httpPort) + "/Serv.php";
     }
 
     // POSTs to the fault-control interface; false unless it said ok.
@@ -105,8 +83,7 @@ public:
         Json::Value answer;
         return request.Send() && request.GetResponse(answer) && answer["ok"].asBool();
     }
-    bool Fault(const std::string& mode, const Json::Value& extra = Json::objectValue) const {
-        Json::Value fault = extra;
+    bool Fault(const std::string& mode, Json::Value fault = Json::objectValue) const {
         fault["mode"] = mode;
         return Control("fault", fault);
     }
@@ -115,63 +92,21 @@ public:
     std::vector<Json::Value> Records() const {
         std::vector<Json::Value> records;
         std::ifstream in(RecordsPath());
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream text(line);
-            Json::Value record;
-            if (Json::parseFromStream(Json::CharReaderBuilder(), text, &record, nullptr)) {
-                records.push_back(record);
-            }
-        }
+        for (std::string line; std::getline(in, line);)
+            records.push_back(relay_test::ParseJson(line));
         return records;
     }
 
-    std::string CaPath() const { return dir_ + "/ca.pem"; }
+    std::string CaPath() const { return dir_ / "server.pem"; }
 
     int httpPort = 0;
     int httpsPort = 0;
     int controlPort = 0;
 
 private:
-    std::string RecordsPath() const { return dir_ + "/records.jsonl"; }
+    std::string RecordsPath() const { return dir_ / "records.jsonl"; }
 
-    static std::string ProgramDir() {
-        char self[PATH_MAX] = {};
-        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-        std::string path(self, length > 0 ? length : 0);
-        return path.substr(0, path.rfind('/'));
-    }
-
-    void MakeCertificates() {
-        const std::string d = dir_;
-        const std::string script =
-            "(cd " + d +
-            " && printf 'subjectAltName=DNS:*.farlink.test,DNS:*.farlink-cn.test,"
-            "DNS:localhost,IP:127.0.0.1\\n' > san.cnf"
-            " && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2"
-            " -subj /CN=farlink-test-ca"
-            " && openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr"
-            " -subj /CN=localhost"
-            " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
-            " -out server.pem -days 2 -extfile san.cnf)";
-        ASSERT_EQ(std::system((script + " >/dev/null 2>&1").c_str()), 0) << "openssl failed";
-    }
-
-    static std::string ReadLine(int fd) {
-        std::string line;
-        char c = 0;
-        pollfd watch{fd, POLLIN, 0};
-        while (poll(&watch, 1, 10000) == 1 && read(fd, &c, 1) == 1 && c != '\n') line += c;
-        return line;
-    }
-
-    static Json::Value ReadJson(const std::string& path) {
-        std::ifstream in(path);
-        Json::Value value;
-        Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr);
-        return value;
-    }
-
-    std::string dir_;
+    farlink_test::TempDir dir_;  // keys included
     pid_t pid_ = -1;
 };
 
@@ -200,17 +135,7 @@ private:
     static inline std::unique_ptr<ControlServer> server_;
 };
 
-// A TCP port on loopback that nothing listens on.
-inline int ClosedPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
+// A loopback port that nothing listens on.
+constexpr char kClosedPort[] = "1";
 
 }  // namespace farlink_test

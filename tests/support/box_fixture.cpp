@@ -236,14 +236,15 @@ SyslogLine ParseSyslogLine(const std::string& raw) {
 
 void BoxTest::SetUp() {
     ASSERT_FALSE(BoxRunDir().empty()) << kNotInBox;
-    EXPECT_NE(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", "off"}), -1)
+    std::error_code ignored;
+    // First: the controls a test left would shape the stop.
+    fs::remove(kEmulationConf, ignored);
+    EXPECT_EQ(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", "off"}), 0)
         << "cannot stop the relay daemon";
     RestoreRelayConfDir();
     WriteFile(ORVO::Paths::kHostInfo, ReadFile(InitialCopy("orvoinfo.conf")));
     WriteFile(kResolvConf, ReadFile(InitialCopy("resolv.conf")));
     WriteFile(ORVO::Paths::kKivoAccount, ReadFile(InitialCopy("account.conf")));
-    std::error_code ignored;
-    fs::remove(kEmulationConf, ignored);
     for (const char* log : {ORVO::Paths::kKivoQueryLog, ORVO::Paths::kSystemdReloadLog,
                             ORVO::Paths::kCloudServiceLog})
         TruncateIfPresent(log);

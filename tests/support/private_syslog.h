@@ -1,49 +1,26 @@
 // A private system log for tests: catches what the process (and its
 // children) send with syslog(3), without touching the machine's /dev/log.
 //
-// Usage:
-//   farlink_test::PrivateSyslog log;          // after EnterPrivateRoot() is possible
-//   ASSERT_TRUE(log.Ok()) << log.Error();
-//   syslog(LOG_AUTH | LOG_ERR, "%s:%d ERROR: ...", "utils", 42);
-//   auto records = log.Records();             // records[0].priority == 35
-//
 // The constructor enters the private root if needed (see private_root.h: the
 // process must still be single-threaded the first time), mounts a tmpfs over
-// /dev in that namespace, recreates /dev/null, /dev/zero, /dev/random,
-// /dev/urandom, /dev/fd, /dev/std{in,out,err} and /dev/shm, and binds a
-// datagram socket at /dev/log (mode 0666, so code that has dropped its
-// effective ids can still log). It calls closelog() so that the next
-// syslog() call of this process connects to the new socket.
-//
-// A background thread drains the socket continuously: senders never block
-// on a full queue. Lines() and Records() first collect whatever is already
-// queued, so a line logged by this process before the call is always seen;
-// lines from other processes may need WaitForLines().
-//
-// Only one PrivateSyslog may exist at a time; the /dev tmpfs stays for the
-// rest of the process, /dev/log is removed by the destructor.
+// /dev in that namespace with the basic devices, and binds a datagram socket
+// at /dev/log (mode 0666, so code that has dropped its effective ids can
+// still log). It calls closelog() so that the next syslog() call of this
+// process connects to the new socket. The socket queues what is sent until
+// Records() reads it, which suits the few lines a test logs.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace farlink_test {
 
-// One syslog line as glibc sends it: "<PRI>Mmm dd hh:mm:ss TAG[PID]: MESSAGE".
-struct SyslogRecord {
-    // facility | severity as sent, e.g. LOG_AUTH | LOG_ERR == 35; glibc puts
-    // in the default facility (LOG_USER, so LOG_ERR arrives as 11).
-    int priority = -1;
-    std::string tag;      // "TAG" or "TAG[PID]" as sent (the program name by default)
-    std::string message;  // everything after "TAG: ", unchanged (a trailing newline stays)
-};
-
-// Splits a raw line; false when it does not start with "<PRI>" and a
-// timestamp (the record is then left unchanged).
-bool ParseSyslogLine(const std::string& raw, SyslogRecord& record);
+// One line as glibc sends it, "<PRI>Mmm dd hh:mm:ss TAG[PID]: MESSAGE", as
+// {priority (facility | severity, e.g. LOG_AUTH | LOG_ERR == 35), MESSAGE}.
+using SyslogRecord = std::pair<int, std::string>;
 
 class PrivateSyslog {
 public:
@@ -52,21 +29,18 @@ public:
     PrivateSyslog(const PrivateSyslog&) = delete;
     PrivateSyslog& operator=(const PrivateSyslog&) = delete;
 
-    bool Ok() const;
-    const std::string& Error() const;
+    bool Ok() const { return error_.empty(); }
+    const std::string& Error() const { return error_; }
 
-    // Raw lines received so far, oldest first.
-    std::vector<std::string> Lines() const;
-    // The same lines parsed; lines that do not parse are skipped.
-    std::vector<SyslogRecord> Records() const;
-    // Waits until at least `count` lines have arrived; false on time-out.
-    bool WaitForLines(std::size_t count, std::chrono::milliseconds timeout) const;
-    // Forgets the lines received so far.
-    void Clear();
+    // The lines received so far, oldest first, after waiting up to `limit`
+    // for at least `count` of them.
+    std::vector<SyslogRecord> Records(std::size_t count = 0,
+                                      std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 private:
-    struct State;
-    std::unique_ptr<State> state_;
+    int socket_ = -1;
+    std::string error_;
+    std::vector<SyslogRecord> records_;
 };
 
 }  // namespace farlink_test
