@@ -37,3 +37,18 @@ void Finish(ORVO::APIResponse* response, int code, const Json::Value& data) {
         response->SetError(code, Json::Value());
     }
 }
+
+bool HasMember(const Json::Value& document, const char* key) {
+    return document.isObject() && document.isMember(key);
+}
+
+Json::Value MemberOrNull(const Json::Value& document, const char* key) {
+    return HasMember(document, key) ? document[key] : Json::Value();
+}
+
+bool OverwriteMiscItem(const ORVO::APIRequest& request, const char* required, const char* key,
+                       ORVO::Relay::MiscConf& misc) {
+    if (!request.HasParam(required)) return false;
+    misc.OverwriteItem(key, request.GetParam("", Json::Value()));
+    return true;
+}
