@@ -6,6 +6,7 @@ constexpr char kCoreApi[] = "ORVO.Core.Farlink";
 constexpr char kPermissionApi[] = "ORVO.Core.Farlink.Permission";
 constexpr char kUpnpApi[] = "ORVO.Core.Farlink.Upnp";
 constexpr char kSniApi[] = "ORVO.Core.Farlink.SNI";
+constexpr char kHostnameApi[] = "ORVO.Core.Farlink.Hostname";
 
 int LookupErrorCode(const ErrorCodePair* map, int code) {
     for (const ErrorCodePair* pair = map;; ++pair) {
@@ -22,12 +23,15 @@ extern "C" {
 // end with an all-zero row.
 const ORVO::APITableEntry grgTable[] = {
     {kCoreApi, 1, "status", Status_v1},
+    {kCoreApi, 1, "get", Get_v1},
     {kCoreApi, 1, "set", Set_v1},
     {kPermissionApi, 1, "get", GetPermission_v1},
     {kPermissionApi, 1, "set", SetPermission_v1},
     {kUpnpApi, 1, "set", SetUpnp_v1},
     {kUpnpApi, 1, "get", GetUpnp_v1},
     {kSniApi, 1, "set", SetSNI_v1},
+    {kHostnameApi, 1, "get_ip", GetIP_v1},
+    {kCoreApi, 2, "get", Get_v2},
     {kCoreApi, 2, "set", Set_v2},
     {kCoreApi, 3, "get_misc_config", GetMiscConfig_v3},
     {kCoreApi, 3, "set_misc_config", SetMiscConfig_v3},

@@ -45,12 +45,15 @@ int MapAliasErrorCode(ORVO::Relay::ALIAS_RET ret);
 
 // Handlers, one per table row.
 FARLINK_EXPORT void Status_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void Get_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetSNI_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void GetIP_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void Get_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);

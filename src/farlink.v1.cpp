@@ -9,16 +9,10 @@ namespace {
 
 constexpr char kLogSource[] = "farlink.v1";
 
-constexpr char kRelaydConf[] = "/usr/orvo/etc/orvorelayd/orvorelayd.conf";
 // Fully qualified, so that no search domain of the resolver is tried.
 constexpr char kPrimaryControlName[] = FARLINK_PRIMARY_CONTROL_HOST ".";
 constexpr int kDnsCheckTimeout = 2;
 constexpr int kDnsCheckAttempts = 2;
-
-bool GenerateRelaydConf() {
-    ORVO::Relay::RelaydConf defaults(kRelaydConf);
-    return WriteConfig(&defaults);
-}
 
 // Name resolution first: without it the relay cannot work whatever the
 // files say, and it is bounded, so a dead resolver costs seconds, not more.
@@ -35,12 +29,12 @@ int CheckStatus(Json::Value& result) {
     }
 
     Json::Value document(Json::objectValue);
-    if (!ReadJsonFile(kRelaydConf, document)) {
+    if (!ReadJsonFile(kRelaydConfPath, document)) {
         if (!GenerateRelaydConf()) {
             FARLINK_LOG("Generate relayd config failed");
             return kApiErrFailed;
         }
-        if (!ReadJsonFile(kRelaydConf, document)) {
+        if (!ReadJsonFile(kRelaydConfPath, document)) {
             FARLINK_LOG("load config failed");
             return kApiErrFailed;
         }
@@ -49,7 +43,7 @@ int CheckStatus(Json::Value& result) {
     if (!SetConfig(document, "server_alias", aliasConf)) {
         // The request still fails; the next one finds the fresh file.
         FARLINK_LOG("load config failed, try to restore it again");
-        RenameBadConfig(kRelaydConf);
+        RenameBadConfig(kRelaydConfPath);
         if (!GenerateRelaydConf()) FARLINK_LOG("Generate relayd config failed");
         return kApiErrFailed;
     }
@@ -76,6 +70,31 @@ void Status_v1(ORVO::APIRequest* /*request*/, ORVO::APIResponse* response) {
     Json::Value result(Json::objectValue);
     const int code = CheckStatus(result);
     Finish(response, code, result);
+}
+
+void Get_v1(ORVO::APIRequest* /*request*/, ORVO::APIResponse* response) {
+    RelaySettings settings;
+    switch (LoadRelaySettings(settings)) {
+        case SettingsStep::kDone:
+            break;
+        case SettingsStep::kDaemonStatus:
+            FARLINK_LOG("load relayinfo failed");
+            return Finish(response, kApiErrFailed);
+        case SettingsStep::kGenerate:
+            FARLINK_LOG("Generate relayd config failed");
+            return Finish(response, kApiErrFailed);
+        case SettingsStep::kReread:
+        case SettingsStep::kSections:
+            // Unlike version 2 this version leaves a refused file in place.
+            FARLINK_LOG("load config failed");
+            return Finish(response, kApiErrFailed);
+    }
+    // Never loaded from the file: this version reports the library's default.
+    const ORVO::Relay::KivoConf kivo;
+    Json::Value body;
+    const int code =
+        ReportRelaySettings(kLogSource, __LINE__, settings, kivo.GetKivoAccount(), body);
+    Finish(response, code, body);
 }
 
 void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response) {

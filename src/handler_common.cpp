@@ -1,6 +1,11 @@
 #include "handler_common.h"
 
+#include <orvo/core.h>
+
+#include <cstring>
+
 #include "api_table.h"
+#include "utils.h"
 
 namespace {
 
@@ -51,4 +56,47 @@ bool OverwriteMiscItem(const ORVO::APIRequest& request, const char* required, co
     if (!request.HasParam(required)) return false;
     misc.OverwriteItem(key, request.GetParam("", Json::Value()));
     return true;
+}
+
+bool GenerateRelaydConf() {
+    ORVO::Relay::RelaydConf defaults(kRelaydConfPath);
+    return WriteConfig(&defaults);
+}
+
+SettingsStep LoadRelaySettings(RelaySettings& settings) {
+    if (!GetDaemonStatus(settings.serverId, settings.status, settings.error)) {
+        return SettingsStep::kDaemonStatus;
+    }
+    // A daemon that is not running cannot refresh anything; the file is read
+    // all the same.
+    UpdateAlias();
+    Json::Value document;
+    if (!ReadJsonFile(kRelaydConfPath, document)) {
+        if (!GenerateRelaydConf()) return SettingsStep::kGenerate;
+        if (!ReadJsonFile(kRelaydConfPath, document)) return SettingsStep::kReread;
+    }
+    if (!SetConfig(document, "server_alias", settings.alias) ||
+        !SetConfig(document, "server_control", settings.server)) {
+        return SettingsStep::kSections;
+    }
+    return SettingsStep::kDone;
+}
+
+int ReportRelaySettings(const char* source, int line, const RelaySettings& settings,
+                        const std::string& account, Json::Value& body) {
+    const bool enabled = OrvorelaydServiceIsEnabled();
+    char domain[1024];
+    std::memset(domain, 0, sizeof(domain));
+    const int found = RunPrivileged(source, line, [&domain] {
+        return OLIBRelaydGetPortalDomain(domain, static_cast<int>(sizeof(domain)));
+    });
+    if (found != 0) return kApiErrFailed;
+    body = Json::Value(Json::objectValue);
+    body["server_id"] = settings.serverId;
+    body["server_alias"] = settings.alias.GetAliasName();
+    body["kivo_account"] = account;
+    body["domain"] = domain;
+    body["region"] = settings.server.GetRegion();
+    body["enabled"] = enabled;
+    return kApiSuccess;
 }

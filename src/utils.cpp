@@ -7,6 +7,7 @@
 #include <netdb.h>
 #include <orvo/cloudservice.h>
 #include <orvo/core.h>
+#include <orvo/kivo.h>
 #include <orvo/systemd.h>
 #include <unistd.h>
 
@@ -253,7 +254,16 @@ bool ReadJsonFile(const std::string& path, Json::Value& value) {
     std::ifstream in(path, std::ios::binary);
     if (!in.is_open()) return false;
     Json::Reader reader;
-    if (!reader.parse(in, value, false)) {
+    bool parsed = false;
+    try {
+        parsed = reader.parse(in, value, false);
+    } catch (const std::ios_base::failure&) {
+        // A read error (a directory, a failing disk) escapes the stream as an
+        // exception; such a file cannot be read, it is not a damaged one.
+        value = Json::Value();
+        return false;
+    }
+    if (!parsed) {
         // No half-parsed document reaches a caller that ignores the result.
         value = Json::Value();
         FARLINK_LOG("bad json format [%s]", path.c_str());
@@ -366,4 +376,31 @@ bool DNSResolve(const std::string& host, std::string& ipv4, std::string& ipv6) {
     }
     TakeAddresses(list, ipv4, ipv6);
     return true;
+}
+
+// --- Account lookup -----------------------------------------------------------
+
+namespace {
+
+constexpr char kKivoProgram[] = "/usr/orvo/bin/orvokivo";
+// The core library's "start it and do not wait, in a session of its own":
+// the refresh outlives the request and must not hold the host's terminal or
+// descriptors.
+constexpr int kExecInBackground = 0x41;
+
+}  // namespace
+
+int OrvoAccountGet(_tag_kivo_INFO_* info) { return AS_ROOT(ORVOKIVOAccountGet(info)); }
+
+int OrvoAccountQueryInfo(Json::Value& info) {
+    return AS_ROOT(ORVOKIVOAccountQueryInfo(info, true, true));
+}
+
+int OrvoAccountQueryInfoBackground(bool useCache) {
+    const int result =
+        AS_ROOT(useCache ? OLIBCExecl(kKivoProgram, kExecInBackground, "--query_account", "--cache",
+                                      nullptr)
+                         : OLIBCExecl(kKivoProgram, kExecInBackground, "--query_account", nullptr));
+    if (result < 0) FARLINK_LOG("Failed to execute orvokivo, ret: %d", result);
+    return result;
 }

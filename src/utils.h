@@ -64,3 +64,15 @@ bool DNSResolveWithTimeout(std::string host, std::string& ipv4, std::string& ipv
 // The system resolver, blocking; a family without an address leaves its
 // output as it was.
 bool DNSResolve(const std::string& host, std::string& ipv4, std::string& ipv6);
+
+// Account lookup: the kivo account bound to the server, read as root. The
+// results are the account library's, unchanged; callers ask ORVOKIVOErrGet()
+// why a read failed.
+struct _tag_kivo_INFO_;
+
+int OrvoAccountGet(_tag_kivo_INFO_* info);
+int OrvoAccountQueryInfo(Json::Value& info);
+// Starts the account tool in the background so that a later read finds fresh
+// data ("--cache": the cached data is good enough); negative when the tool
+// could not be started.
+int OrvoAccountQueryInfoBackground(bool useCache);

@@ -34,12 +34,15 @@ TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
     // api, version, method, handler
     const std::tuple<const char*, std::uint64_t, const char*, const char*> rows[] = {
         {"ORVO.Core.Farlink", 1, "status", "Status_v1"},
+        {"ORVO.Core.Farlink", 1, "get", "Get_v1"},
         {"ORVO.Core.Farlink", 1, "set", "Set_v1"},
         {"ORVO.Core.Farlink.Permission", 1, "get", "GetPermission_v1"},
         {"ORVO.Core.Farlink.Permission", 1, "set", "SetPermission_v1"},
         {"ORVO.Core.Farlink.Upnp", 1, "set", "SetUpnp_v1"},
         {"ORVO.Core.Farlink.Upnp", 1, "get", "GetUpnp_v1"},
         {"ORVO.Core.Farlink.SNI", 1, "set", "SetSNI_v1"},
+        {"ORVO.Core.Farlink.Hostname", 1, "get_ip", "GetIP_v1"},
+        {"ORVO.Core.Farlink", 2, "get", "Get_v2"},
         {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
         {"ORVO.Core.Farlink", 3, "get_misc_config", "GetMiscConfig_v3"},
         {"ORVO.Core.Farlink", 3, "set_misc_config", "SetMiscConfig_v3"},
