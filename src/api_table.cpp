@@ -20,6 +20,7 @@ extern "C" {
 const ORVO::APITableEntry grgTable[] = {
     {kCoreApi, 1, "status", Status_v1},
     {kCoreApi, 1, "set", Set_v1},
+    {"ORVO.Core.Farlink.RegisterSite", 1, "get", GetRegisterSite_v1},
     {kCoreApi, 2, "set", Set_v2},
     {nullptr, 0, nullptr, nullptr},
 };

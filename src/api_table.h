@@ -46,4 +46,5 @@ int MapAliasErrorCode(ORVO::Relay::ALIAS_RET ret);
 // Handlers, one per table row.
 FARLINK_EXPORT void Status_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void GetRegisterSite_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);

@@ -37,6 +37,7 @@ std::string HandlerSymbol(const char* name) {
 const std::vector<ExpectedRow> kExpectedRows = {
     {"ORVO.Core.Farlink", 1, "status", "Status_v1"},
     {"ORVO.Core.Farlink", 1, "set", "Set_v1"},
+    {"ORVO.Core.Farlink.RegisterSite", 1, "get", "GetRegisterSite_v1"},
     {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
 };
 
