@@ -7,8 +7,8 @@ namespace {
 
 constexpr char kLogSource[] = "farlink.registersite.v1";
 
-// The administration interface's query has always gone over plain http; the
-// module's own discovery in utils uses https.
+// Plain http on purpose: this method differs here from the module's own
+// discovery in utils, which asks over https.
 constexpr char kPrimaryUrl[] = "http://" FARLINK_PRIMARY_CONTROL_HOST "/Serv.php";
 constexpr char kSecondaryUrl[] = "http://" FARLINK_SECONDARY_CONTROL_HOST "/Serv.php";
 
@@ -32,6 +32,6 @@ void GetRegisterSite_v1(ORVO::APIRequest* /*request*/, ORVO::APIResponse* respon
         FARLINK_LOG("cannot parse a register site host");
         return Finish(response, kApiErrFailed);
     }
-    // Passed on as received: the interface shows the members besides "host".
+    // Passed on as received, the members besides "host" included.
     Finish(response, kApiSuccess, answer);
 }
