@@ -6,6 +6,7 @@ constexpr char kCoreApi[] = "ORVO.Core.Farlink";
 constexpr char kPermissionApi[] = "ORVO.Core.Farlink.Permission";
 constexpr char kUpnpApi[] = "ORVO.Core.Farlink.Upnp";
 constexpr char kSniApi[] = "ORVO.Core.Farlink.SNI";
+constexpr char kRegisterSiteApi[] = "ORVO.Core.Farlink.RegisterSite";
 
 int LookupErrorCode(const ErrorCodePair* map, int code) {
     for (const ErrorCodePair* pair = map;; ++pair) {
@@ -28,6 +29,7 @@ const ORVO::APITableEntry grgTable[] = {
     {kUpnpApi, 1, "set", SetUpnp_v1},
     {kUpnpApi, 1, "get", GetUpnp_v1},
     {kSniApi, 1, "set", SetSNI_v1},
+    {kRegisterSiteApi, 1, "get", GetRegisterSite_v1},
     {kCoreApi, 2, "set", Set_v2},
     {kCoreApi, 3, "get_misc_config", GetMiscConfig_v3},
     {kCoreApi, 3, "set_misc_config", SetMiscConfig_v3},

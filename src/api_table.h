@@ -51,6 +51,7 @@ FARLINK_EXPORT void SetPermission_v1(ORVO::APIRequest* request, ORVO::APIRespons
 FARLINK_EXPORT void SetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetSNI_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void GetRegisterSite_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
