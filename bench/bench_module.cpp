@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <string>
 #include <cstring>
 #include <vector>
 
 #include "api_table.h"
 #include "critical_section.h"
+#include "utils.h"
 
 namespace {
 
@@ -65,6 +68,28 @@ void BM_PopenReadLine(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_PopenReadLine)->Unit(benchmark::kMicrosecond);
+
+// A relay configuration of the usual size, read and parsed as every status
+// and settings request does.
+void BM_ReadJsonFile(benchmark::State& state) {
+    char dir[] = "/tmp/farlink-bench-XXXXXX";
+    if (mkdtemp(dir) == nullptr) {
+        state.SkipWithError("mkdtemp failed");
+        return;
+    }
+    const std::string path = std::string(dir) + "/orvorelayd.conf";
+    std::ofstream(path) << R"({"server_alias": {"alias": "mybox", "enabled": true},
+        "server_control": {"host": "rs.farlink.test", "port": 443, "region": "eu"},
+        "server_global": {"host": "global.farlink.test", "port": 443},
+        "server_id": "0123456789abcdef", "kivo": {"account": "user@example.test"}})";
+    Json::Value document;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ReadJsonFile(path, document));
+    }
+    unlink(path.c_str());
+    rmdir(dir);
+}
+BENCHMARK(BM_ReadJsonFile)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

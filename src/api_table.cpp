@@ -7,6 +7,7 @@ constexpr char kPermissionApi[] = "ORVO.Core.Farlink.Permission";
 constexpr char kUpnpApi[] = "ORVO.Core.Farlink.Upnp";
 constexpr char kSniApi[] = "ORVO.Core.Farlink.SNI";
 constexpr char kHostnameApi[] = "ORVO.Core.Farlink.Hostname";
+constexpr char kRegisterSiteApi[] = "ORVO.Core.Farlink.RegisterSite";
 
 int LookupErrorCode(const ErrorCodePair* map, int code) {
     for (const ErrorCodePair* pair = map;; ++pair) {
@@ -31,6 +32,7 @@ const ORVO::APITableEntry grgTable[] = {
     {kUpnpApi, 1, "get", GetUpnp_v1},
     {kSniApi, 1, "set", SetSNI_v1},
     {kHostnameApi, 1, "get_ip", GetIP_v1},
+    {kRegisterSiteApi, 1, "get", GetRegisterSite_v1},
     {kCoreApi, 2, "get", Get_v2},
     {kCoreApi, 2, "set", Set_v2},
     {kCoreApi, 3, "get_misc_config", GetMiscConfig_v3},

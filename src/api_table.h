@@ -53,6 +53,7 @@ FARLINK_EXPORT void SetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* res
 FARLINK_EXPORT void GetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetSNI_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetIP_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void GetRegisterSite_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Get_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);

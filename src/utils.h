@@ -65,6 +65,33 @@ bool DNSResolveWithTimeout(std::string host, std::string& ipv4, std::string& ipv
 // output as it was.
 bool DNSResolve(const std::string& host, std::string& ipv4, std::string& ipv6);
 
+// Control-server access: the register site and the server ID. Relay results
+// travel in `ret`, which callers start at kRelayRetUnset and translate with
+// MapRelayErrorCode.
+constexpr ORVO::Relay::RELAYD_RET kRelayRetUnset = static_cast<ORVO::Relay::RELAYD_RET>(255);
+
+// One "get_register_site" query to `url`. True when an answer came and the
+// server reported no error; `ret` is left alone when the request could not
+// be prepared.
+bool GetRegisterSiteAPI(const std::string& url, Json::Value& response,
+                        ORVO::Relay::RELAYD_RET& ret);
+// Whether a register-site answer names its host as a string.
+bool HasRegisterSiteHost(const Json::Value& answer);
+// Asks the primary global control server, and the secondary one when
+// fail-over is enabled; 2908 for an answer with a host.
+int GetRegisterSiteWithCn(Json::Value& response);
+// Asks the configuration's global control server and records the answer as
+// the register site, persisting its host.
+bool GetRegisterSite(ORVO::Relay::RelaydConf& conf, ORVO::Relay::RELAYD_RET& ret);
+// One "register" exchange with the configuration's credentials; 255 when the
+// request could not be prepared.
+ORVO::Relay::RELAYD_RET SendRegisterServerId(ORVO::Relay::RelaydConf& conf, Json::Value& response);
+// Registers and, on success, stores the server ID in `conf` and its file.
+bool RegisterServerId(ORVO::Relay::RelaydConf& conf, ORVO::Relay::RELAYD_RET& ret);
+// The MD5 digest of `text` as 32 lowercase hex digits; `out` must hold 65
+// bytes although 64 is the size checked. 0 or -1.
+int GetMd5String(const char* text, char* out, int outSize);
+
 // Account lookup: the kivo account bound to the server, read as root. The
 // results are the account library's, unchanged; callers ask ORVOKIVOErrGet()
 // why a read failed.

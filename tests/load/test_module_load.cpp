@@ -42,6 +42,7 @@ TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
         {"ORVO.Core.Farlink.Upnp", 1, "get", "GetUpnp_v1"},
         {"ORVO.Core.Farlink.SNI", 1, "set", "SetSNI_v1"},
         {"ORVO.Core.Farlink.Hostname", 1, "get_ip", "GetIP_v1"},
+        {"ORVO.Core.Farlink.RegisterSite", 1, "get", "GetRegisterSite_v1"},
         {"ORVO.Core.Farlink", 2, "get", "Get_v2"},
         {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
         {"ORVO.Core.Farlink", 3, "get_misc_config", "GetMiscConfig_v3"},
