@@ -46,6 +46,7 @@ int MapAliasErrorCode(ORVO::Relay::ALIAS_RET ret);
 // Handlers, one per table row.
 FARLINK_EXPORT void Status_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void SetServerAlias_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
@@ -55,3 +56,4 @@ FARLINK_EXPORT void GetRegisterSite_v1(ORVO::APIRequest* request, ORVO::APIRespo
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void CheckAvailability_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
