@@ -26,6 +26,7 @@ const ORVO::APITableEntry grgTable[] = {
     {kCoreApi, 1, "status", Status_v1},
     {kCoreApi, 1, "get", Get_v1},
     {kCoreApi, 1, "set", Set_v1},
+    {kCoreApi, 1, "set_server_alias", SetServerAlias_v1},
     {kPermissionApi, 1, "get", GetPermission_v1},
     {kPermissionApi, 1, "set", SetPermission_v1},
     {kUpnpApi, 1, "set", SetUpnp_v1},
@@ -37,6 +38,7 @@ const ORVO::APITableEntry grgTable[] = {
     {kCoreApi, 2, "set", Set_v2},
     {kCoreApi, 3, "get_misc_config", GetMiscConfig_v3},
     {kCoreApi, 3, "set_misc_config", SetMiscConfig_v3},
+    {kCoreApi, 3, "check_availability", CheckAvailability_v3},
     {nullptr, 0, nullptr, nullptr},
 };
 

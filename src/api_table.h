@@ -47,6 +47,7 @@ int MapAliasErrorCode(ORVO::Relay::ALIAS_RET ret);
 FARLINK_EXPORT void Status_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Get_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void SetServerAlias_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetPermission_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetUpnp_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
@@ -58,3 +59,4 @@ FARLINK_EXPORT void Get_v2(ORVO::APIRequest* request, ORVO::APIResponse* respons
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void CheckAvailability_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);

@@ -1,8 +1,13 @@
 // ORVO.Core.Farlink version 1.
+#include <sys/types.h>
+
+#include <cstring>
 #include <string>
 
 #include "api_table.h"
 #include "handler_common.h"
+#include "posix_pattern.h"
+#include "server_alias.h"
 #include "utils.h"
 
 namespace {
@@ -108,4 +113,103 @@ void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response) {
         return Finish(response, kApiErrFailed);
     }
     Finish(response, kApiSuccess);
+}
+
+// ---- set_server_alias
+
+namespace {
+
+constexpr char kAccountPattern[] =
+    R"(^[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+(\.[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+)*@)"
+    R"(([A-Za-z0-9]([A-Za-z0-9\-]*[A-Za-z0-9])?\.)+[A-Za-z]{2,}$)";
+constexpr std::size_t kMinPasswordLength = 6;
+constexpr std::size_t kMaxPasswordLength = 128;
+// 32 hex digits and their terminator, with the room GetMd5String asks for.
+constexpr int kDigestBufferSize = 65;
+
+int SetServerAlias(const ORVO::APIRequest& request) {
+    std::string account, alias, password;
+    bool force = false;
+    if (!ReadStringParam(request, "kivo_account", account) ||
+        !ReadStringParam(request, "server_alias", alias) ||
+        !ReadStringParam(request, "kivo_password", password) ||
+        (request.HasParam("force") && !ReadBoolParam(request, "force", force))) {
+        FARLINK_LOG("Invalid parameter");
+        return kApiErrInvalidParam;
+    }
+    if (!IsValidServerAlias(alias)) {
+        FARLINK_LOG("alias format error: %s", alias.c_str());
+        return kApiErrInvalidParam;
+    }
+    if (!PosixPattern(kAccountPattern).MatchesText(account)) {
+        FARLINK_LOG("kivo account format error: %s", account.c_str());
+        return kApiErrInvalidParam;
+    }
+    // Counted as the digest will see it: up to the first NUL.
+    const std::size_t length = std::strlen(password.c_str());
+    if (length - kMinPasswordLength > kMaxPasswordLength - kMinPasswordLength) {
+        FARLINK_LOG("kivo passowrd length is invaild: %zd", static_cast<ssize_t>(length));
+        return kApiErrInvalidParam;
+    }
+
+    ORVO::Relay::RelaydConf conf(kRelaydConfPath);
+    ORVO::Relay::RELAYD_RET ret = kRelayRetUnset;
+    // Both records on one host: the register site has not been discovered.
+    if (conf.serverControl.GetHost() == conf.serverGlobal.GetHost() &&
+        !GetRegisterSite(conf, ret)) {
+        FARLINK_LOG("Get register site faield");
+        return RelayFailureCode(ret);
+    }
+    if (NeedsServerId() && !RegisterServerId(conf, ret)) {
+        FARLINK_LOG("Register serverid faield");
+        return RelayFailureCode(ret);
+    }
+
+    // Only the digest leaves this function; the password itself is neither
+    // sent nor stored.
+    char digest[kDigestBufferSize] = {};
+    if (GetMd5String(password.c_str(), digest, kDigestBufferSize) == -1) {
+        FARLINK_LOG("Encrypted error: %s", account.c_str());
+        return kApiErrFailed;
+    }
+    if (!conf.kivo.SetKivoAccount(account)) {
+        FARLINK_LOG("Kivo Account set error: %s", account.c_str());
+        return kApiErrFailed;
+    }
+    if (!conf.serverAlias.SetAliasName(alias)) {
+        FARLINK_LOG("Alias set error: %s", alias.c_str());
+        return kApiErrFailed;
+    }
+    Json::Value body(Json::objectValue);
+    conf.DumpDataForAliasReq(body);
+    body["kivo_account"] = account;
+    body["kivo_password"] = digest;
+    // A string, not a JSON boolean: the control server compares the text.
+    body["force"] = force ? "true" : "false";
+
+    const AliasResult result = RequestServerAlias(conf, alias, body);
+    switch (result.stop) {
+        case AliasStop::kSetRequest:
+            FARLINK_LOG("Alias set error: %s", body.toStyledString().c_str());
+            break;
+        case AliasStop::kRefused:
+            FARLINK_LOG("Alias request alias: %s ret: %d error: %s", alias.c_str(),
+                        static_cast<int>(result.outcome), result.outcomeText.c_str());
+            break;
+        case AliasStop::kWriteConfig:
+            FARLINK_LOG("cannot wirte config file");
+            break;
+        case AliasStop::kNotify:
+            FARLINK_LOG("Fail to set notify orvorelayd");
+            break;
+        case AliasStop::kNone:
+            break;
+    }
+    return result.code;
+}
+
+}  // namespace
+
+void SetServerAlias_v1(ORVO::APIRequest* request, ORVO::APIResponse* response) {
+    Finish(response, SetServerAlias(*request));
 }

@@ -1,6 +1,9 @@
 // ORVO.Core.Farlink version 3.
+#include <orvo/kivo.h>
+
 #include "api_table.h"
 #include "handler_common.h"
+#include "posix_pattern.h"
 #include "utils.h"
 
 namespace {
@@ -28,4 +31,35 @@ void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response) {
         return Finish(response, kApiErrInvalidParam);
     }
     Finish(response, WriteMiscConfigToFile(misc));
+}
+
+// ---- check_availability
+
+namespace {
+
+// Register sites of the regions that serve only accounts that passed
+// real-name validation.
+constexpr char kValidatedRegionSite[] = R"(^(cnc|vac)(\.).*)";
+
+int Availability(const Json::Value& site) {
+    // A pattern that does not compile restricts nothing.
+    if (!PosixPattern(kValidatedRegionSite).Matches(site["host"].asCString())) return kApiSuccess;
+    return orvokivo::User().GetIsRealnameValidationPass() ? kApiSuccess : kApiErrNotAvailable;
+}
+
+}  // namespace
+
+// Always a success answer: the verdict and its reason are the data.
+void CheckAvailability_v3(ORVO::APIRequest* /*request*/, ORVO::APIResponse* response) {
+    Json::Value site(Json::objectValue);
+    int code = GetRegisterSiteWithCn(site);
+    if (code != kApiSuccess) {
+        FARLINK_LOG("Failed to get register site host");
+    } else {
+        code = Availability(site);
+    }
+    Json::Value result(Json::objectValue);
+    result["available"] = code == kApiSuccess;
+    result["code"] = code;
+    response->SetSuccess(result);
 }

@@ -36,6 +36,7 @@ TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
         {"ORVO.Core.Farlink", 1, "status", "Status_v1"},
         {"ORVO.Core.Farlink", 1, "get", "Get_v1"},
         {"ORVO.Core.Farlink", 1, "set", "Set_v1"},
+        {"ORVO.Core.Farlink", 1, "set_server_alias", "SetServerAlias_v1"},
         {"ORVO.Core.Farlink.Permission", 1, "get", "GetPermission_v1"},
         {"ORVO.Core.Farlink.Permission", 1, "set", "SetPermission_v1"},
         {"ORVO.Core.Farlink.Upnp", 1, "set", "SetUpnp_v1"},
@@ -47,6 +48,7 @@ TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
         {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
         {"ORVO.Core.Farlink", 3, "get_misc_config", "GetMiscConfig_v3"},
         {"ORVO.Core.Farlink", 3, "set_misc_config", "SetMiscConfig_v3"},
+        {"ORVO.Core.Farlink", 3, "check_availability", "CheckAvailability_v3"},
     };
     const auto* slot = static_cast<const std::uint64_t*>(table);
     for (const auto& [api, version, method, handler] : rows) {

@@ -1,0 +1,64 @@
+#include "server_alias.h"
+
+#include "api_table.h"
+#include "posix_pattern.h"
+#include "utils.h"
+
+namespace {
+
+constexpr char kAliasPattern[] = R"(^[a-zA-Z][a-zA-Z0-9\-]*$)";
+constexpr ORVO::Relay::ALIAS_REQUEST_CMD kSetAliasCommand =
+    static_cast<ORVO::Relay::ALIAS_REQUEST_CMD>(1);
+constexpr ORVO::Relay::ALIAS_RET kAliasRetUnset = static_cast<ORVO::Relay::ALIAS_RET>(255);
+constexpr ORVO::Relay::ALIAS_RET kAliasApiKeyExpired = static_cast<ORVO::Relay::ALIAS_RET>(14);
+
+}  // namespace
+
+bool IsValidServerAlias(const std::string& alias) {
+    return PosixPattern(kAliasPattern).MatchesText(alias);
+}
+
+bool NeedsServerId() {
+    std::string serverId, status, error;
+    // Whether the query worked is not asked: a status it could not read
+    // leaves the words empty, and that means registering.
+    GetDaemonStatus(serverId, status, error);
+    return status == "not_running" || serverId.empty();
+}
+
+int RelayFailureCode(ORVO::Relay::RELAYD_RET ret) {
+    const int code = MapRelayErrorCode(ret);
+    return code == kApiSuccess ? kApiErrFailed : code;
+}
+
+AliasResult RequestServerAlias(ORVO::Relay::RelaydConf& conf, const std::string& alias,
+                               const Json::Value& body) {
+    AliasResult result{kApiErrFailed, AliasStop::kNone, kAliasRetUnset, std::string()};
+    ORVO::Relay::AliasRequest request;
+    if (!request.SetRequest(kSetAliasCommand, body)) {
+        result.stop = AliasStop::kSetRequest;
+        return result;
+    }
+    request.Send(result.outcome);
+    // The cloud service learns of an expired key whatever the caller answers.
+    if (result.outcome == kAliasApiKeyExpired) HandleApiKeyExpired();
+    result.code = MapAliasErrorCode(result.outcome);
+    request.ResponseToString(result.outcome, result.outcomeText);
+    if (result.code != kApiSuccess) {
+        result.stop = AliasStop::kRefused;
+        return result;
+    }
+
+    conf.serverAlias.SetAliasName(alias);
+    if (!WriteConfig(&conf.serverAlias)) {
+        result.code = kApiErrFailed;
+        result.stop = AliasStop::kWriteConfig;
+        return result;
+    }
+    ORVO::Relay::AliasStatus().SetStatus(alias, result.outcomeText, std::string(), true);
+    if (NotifyOrvorelayd() == -1) {
+        result.code = kApiErrFailed;
+        result.stop = AliasStop::kNotify;
+    }
+    return result;
+}
