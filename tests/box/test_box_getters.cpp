@@ -1,7 +1,5 @@
 // ORVO.Core.Farlink "get" v1 and v2 and ORVO.Core.Farlink.Hostname "get_ip"
 // through the box's host. Runs inside a box.
-#include <json/reader.h>
-#include <json/writer.h>  // prints values in failure messages
 #include <orvo/paths.h>
 #include <sys/stat.h>
 
@@ -10,31 +8,16 @@
 #include <tuple>
 
 #include "box_fixture.h"
-#include "test_files.h"
 
 namespace farlink_test {
 namespace {
 
 const std::string kConf = ORVO::Paths::kRelaydConf;
 
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
-
-Json::Value Answer(int code, const Json::Value& data = Json::Value()) {
-    if (code != 0)
-        return Parse(R"({"success":false,"error":{"code":)" + std::to_string(code) + "}}");
-    Json::Value answer = Parse(R"({"success":true})");
-    if (!data.isNull()) answer["data"] = data;
-    return answer;
-}
-
 // The answer from freshly generated defaults, with the account bound to the
 // box (v2) or the relay library's default (v1).
 Json::Value Defaults(int version) {
-    Json::Value body = Parse(R"({"server_id": "", "server_alias": "", "kivo_account": "",
+    Json::Value body = ParseJson(R"({"server_id": "", "server_alias": "", "kivo_account": "",
         "domain": "farlink.test", "region": "", "enabled": false})");
     if (version == 2) body["kivo_account"] = "admin@farlink.test";
     if (version == 2) body["ddns_domain"] = "direct.farlink.test";
@@ -44,10 +27,6 @@ Json::Value Defaults(int version) {
 class GettersTest : public BoxTest {
 protected:
     Json::Value Get(int version) { return Call("ORVO.Core.Farlink", version, "get"); }
-    bool Logged(const std::string& source, const std::string& message) {
-        const auto line = WaitForLogged(source, message);
-        return line && line->priority == 1 * 8 + 3;  // user.err
-    }
     // The account tool's one run since SetUp, with `arguments`; none when
     // null, given a while to turn up all the same.
     static void ExpectRefresh(const char* arguments) {
@@ -57,8 +36,8 @@ protected:
                   arguments ? std::vector<std::string>{arguments} : std::vector<std::string>{});
     }
     static void StartDaemon(const std::string& error = "") {
-        WriteDaemonEmulation(Parse(R"({"force_error": ")" + error + "\"}"));
-        ASSERT_EQ(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", "on"}), 0);
+        WriteDaemonEmulation(ParseJson(R"({"force_error": ")" + error + "\"}"));
+        ASSERT_EQ(Relayd("on"), 0);
     }
 };
 
@@ -71,20 +50,20 @@ TEST_F(GettersTest, HostnamesResolveToTheLastAddressOfEachFamily) {
     };
     for (const auto& [name, data] : cases) {
         EXPECT_EQ(Call("ORVO.Core.Farlink.Hostname", 1, "get_ip",
-                       Parse(R"({"hostname": ")" + std::string(name) + "\"}")),
-                  data.empty() ? Answer(2902) : Answer(0, Parse(data)))
+                       ParseJson(R"({"hostname": ")" + std::string(name) + "\"}")),
+                  data.empty() ? Answer(2902) : Answer(0, ParseJson(data)))
             << name;
     }
     EXPECT_EQ(Call("ORVO.Core.Farlink.Hostname", 1, "get_ip"), Answer(2901));
-    EXPECT_TRUE(Logged("farlink.hostname.v1", "Invalid parameter"));
+    EXPECT_TRUE(LoggedError("farlink.hostname.v1", "Invalid parameter"));
 }
 
 TEST_F(GettersTest, BothVersionsReportTheSettingsEachWithItsOwnAccount) {
-    const Json::Value conf = Parse(R"({"server_id": "SID", "server_alias": {"alias": "mybox"},
+    const Json::Value conf = ParseJson(R"({"server_id": "SID", "server_alias": {"alias": "mybox"},
         "kivo": {"account": "bob"}, "server_control": {"host": "rs.farlink.test",
         "region": "eu", "ddns_domain": "d.test", "portal_domain": "p.test"}})");
     WriteJson(kConf, conf);
-    Json::Value v1 = Parse(R"({"server_id": "SID", "server_alias": "mybox", "kivo_account": "",
+    Json::Value v1 = ParseJson(R"({"server_id": "SID", "server_alias": "mybox", "kivo_account": "",
         "domain": "p.test", "region": "eu", "enabled": false})");
     Json::Value v2 = v1;
     v2["kivo_account"] = "admin@farlink.test";
@@ -100,8 +79,8 @@ TEST_F(GettersTest, BothVersionsReportTheSettingsEachWithItsOwnAccount) {
     for (const auto& [version, body] : {std::make_pair(1, v1), std::make_pair(2, v2)}) {
         EXPECT_EQ(Get(version), Answer(0, body));
         EXPECT_TRUE(WaitUntil([n = version] {
-            return Parse(DaemonStatus())["alias_updates"] == n;
-        })) << DaemonStatus();
+            return ReadJson(ORVO::Paths::kRelaydStatus)["alias_updates"] == n;
+        })) << ReadFile(ORVO::Paths::kRelaydStatus);
     }
     EXPECT_EQ(ReadJson(kConf), conf) << "nothing is written back";
 }
@@ -131,7 +110,7 @@ TEST_F(GettersTest, UnusableConfigurationIsRegeneratedOrRefusedPerVersion) {
         WriteAccount(account);
         WriteFile(kConf, content);
         EXPECT_EQ(Get(version), Answer(code, code == 0 ? Defaults(version) : Json::Value()));
-        EXPECT_TRUE(!logged || Logged("farlink.v" + std::to_string(version), logged));
+        EXPECT_TRUE(!logged || LoggedError("farlink.v" + std::to_string(version), logged));
         EXPECT_EQ(ReadFile(kConf + ".bad"), bad);
         const bool cached = code == 0 || content == noPortal;
         ExpectRefresh(version == 1 ? nullptr
@@ -148,7 +127,7 @@ TEST_F(GettersTest, FailedCommonStepsAreLoggedByEachVersion) {
     const auto bothFailWith = [this](const std::string& message) {
         for (int version : {1, 2}) {
             EXPECT_EQ(Get(version), Answer(2900));
-            EXPECT_TRUE(Logged("farlink.v" + std::to_string(version), message));
+            EXPECT_TRUE(LoggedError("farlink.v" + std::to_string(version), message));
         }
     };
     // Opens but cannot be read, and nothing can be written over it.
@@ -177,13 +156,13 @@ TEST_F(GettersTest, Version2TakesTheAccountFromTheAccountService) {
     for (const auto& [state, daemonError, account, logged, refresh] : cases) {
         SetUp();
         SCOPED_TRACE(state);
-        WriteAccount(Parse(state));
+        WriteAccount(ParseJson(state));
         if (*daemonError != '\0') StartDaemon(daemonError);
         Json::Value body = Defaults(2);
         body["kivo_account"] = account;
         body["enabled"] = *daemonError != '\0';
         EXPECT_EQ(Get(2), account.isString() ? Answer(0, body) : Answer(account.asInt()));
-        EXPECT_TRUE(!logged || Logged("farlink.v2", logged));
+        EXPECT_TRUE(!logged || LoggedError("farlink.v2", logged));
         ExpectRefresh(refresh);
     }
     EXPECT_EQ(chmod(ORVO::Paths::kKivoAccount, 0644), 0);

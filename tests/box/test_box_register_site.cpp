@@ -3,12 +3,10 @@
 // ORVO.Core.Farlink.RegisterSite "get" through the host. Runs inside a box.
 #include <arpa/inet.h>
 #include <farlink/unique_fd.h>
-#include <json/reader.h>
 #include <orvo/paths.h>
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <regex>
 
 #include "box_fixture.h"
@@ -23,30 +21,17 @@ const std::string kSecondary = FARLINK_SECONDARY_CONTROL_HOST;
 const std::string kSecondarySite = "cnc" + kSecondary.substr(kSecondary.find('.'));
 const std::string kConf = ORVO::Paths::kRelaydConf;
 
-Json::Value Parsed(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
-
 class RegisterSiteTest : public BoxTest {
 protected:
-    template <typename Body>
-    auto AsHost(Body body) {
-        ScopedServiceUser user;
-        return body();
-    }
     void Fault(const std::string& host, const std::string& rule) {
         if (rule.empty()) return;
-        Json::Value fault = Parsed(rule);
+        Json::Value fault = ParseJson(rule);
         fault["host"] = host;
         SetControlFault(fault);
     }
-    bool Logged(const std::string& source, const std::string& message) {
-        return WaitForLogged(source, message, Milliseconds(3000)).has_value();
-    }
     void Failover(bool on) {
-        WriteHostInfo(std::string("farlink_enable_failover=\"") + (on ? "true" : "false") + "\"\n");
+        WriteFile(ORVO::Paths::kHostInfo,
+                  std::string("farlink_enable_failover=\"") + (on ? "true" : "false") + "\"\n");
     }
     static bool ConfExists() { return access(kConf.c_str(), F_OK) == 0; }
 };
@@ -69,7 +54,7 @@ protected:
 TEST_P(QueryTest, FailOverAndErrorsDecideTheAnswer) {
     Json::Value site;
     site["global_host"] = kPrimary;
-    site["answer"] = Parsed(R"({"errno":0,"host":"x.test","extra":[1,{"a":true}]})");
+    site["answer"] = ParseJson(R"({"errno":0,"host":"x.test","extra":[1,{"a":true}]})");
     const std::string tryNext = "get register site fail, try " + kSecondary;
     const struct {
         bool failover;
@@ -107,13 +92,13 @@ TEST_P(QueryTest, FailOverAndErrorsDecideTheAnswer) {
         std::string asked;
         for (const auto& record : ControlRecords()) {
             asked += record["scheme"].asString() + "://" + record["host"].asString() + " ";
-            EXPECT_EQ(record["body"], Parsed(R"({"version":1,"command":"get_register_site"})"));
+            EXPECT_EQ(record["body"], ParseJson(R"({"version":1,"command":"get_register_site"})"));
         }
         const std::string scheme = ViaApi() ? "http://" : "https://";
         EXPECT_EQ(asked,
                   scheme + kPrimary + " " + (c.requests == 2 ? scheme + kSecondary + " " : ""));
         const std::string source = ViaApi() ? "farlink.registersite.v1" : "utils";
-        EXPECT_TRUE(c.logged.empty() || Logged(source, c.logged)) << c.logged;
+        EXPECT_TRUE(c.logged.empty() || LoggedError(source, c.logged)) << c.logged;
     }
 }
 
@@ -141,7 +126,7 @@ TEST_F(RegisterSiteTest, SilentPrimaryIsGivenUpAfterTheConnectionTimeOut) {
     EXPECT_EQ(response["host"], kSecondarySite);
     EXPECT_GT(took, std::chrono::milliseconds(4500));
     EXPECT_LT(took, std::chrono::seconds(12)) << "5 s to connect, and slack for a loaded machine";
-    EXPECT_TRUE(Logged("utils", "request send failed: 28, timed out"));
+    EXPECT_TRUE(LoggedError("utils", "request send failed: 28, timed out"));
 }
 
 // Only a usable answer changes the configuration, and then as root.
@@ -149,24 +134,24 @@ TEST_F(RegisterSiteTest, SiteAndServerIdAreStoredOnlyFromUsableAnswers) {
     ORVO::Relay::RelaydConf conf(kConf.c_str());
     conf.serverGlobal.SetHost(kSecondary);  // both follow the record
     conf.serverId = "OLD";
-    const std::function<bool(Ret&)> site = [&](Ret& ret) { return GetRegisterSite(conf, ret); };
-    const std::function<bool(Ret&)> id = [&](Ret& ret) { return RegisterServerId(conf, ret); };
     const struct {
-        const std::function<bool(Ret&)>& call;
+        bool site;  // the register site, else the server ID
         std::string fault;
         int ret;
         std::string logged;
     } cases[] = {
-        {site, R"({"mode":"no_host"})", 0, "cannot get a register site host"},
-        {id, R"({"mode":"error","errno":0})", 0, "cannot get a serverid"},
-        {id, R"({"mode":"error","errno":5})", 15, "api key expired"},
+        {true, R"({"mode":"no_host"})", 0, "cannot get a register site host"},
+        {false, R"({"mode":"error","errno":0})", 0, "cannot get a serverid"},
+        {false, R"({"mode":"error","errno":5})", 15, "api key expired"},
     };
     for (const auto& c : cases) {
         Fault("*", c.fault);
         Ret ret = kRelayRetUnset;
-        EXPECT_FALSE(AsHost([&] { return c.call(ret); })) << c.fault;
+        EXPECT_FALSE(AsHost([&] {
+            return c.site ? GetRegisterSite(conf, ret) : RegisterServerId(conf, ret);
+        })) << c.fault;
         EXPECT_EQ(ret, c.ret) << c.fault;
-        EXPECT_TRUE(Logged("utils", c.logged)) << c.logged;
+        EXPECT_TRUE(LoggedError("utils", c.logged)) << c.logged;
         EXPECT_FALSE(ConfExists());
     }
     EXPECT_EQ(conf.serverId, "OLD");
@@ -174,30 +159,31 @@ TEST_F(RegisterSiteTest, SiteAndServerIdAreStoredOnlyFromUsableAnswers) {
 
     ResetControlServer();
     Ret siteRet = kRelayRetUnset, idRet = kRelayRetUnset;
-    ASSERT_TRUE(AsHost([&] { return site(siteRet) && id(idRet); }));
+    ASSERT_TRUE(
+        AsHost([&] { return GetRegisterSite(conf, siteRet) && RegisterServerId(conf, idRet); }));
     EXPECT_EQ(siteRet + idRet, 0);
     const Json::Value written = ReadJson(kConf);
     EXPECT_EQ(written["server_control"]["host"], kSecondarySite);
     EXPECT_EQ(written["server_control"]["region"], "cn");
     EXPECT_TRUE(std::regex_match(conf.serverId, std::regex("fl[0-9a-f]{16}"))) << conf.serverId;
     EXPECT_EQ(written["server_id"], conf.serverId);
-    const Json::Value auth = ReadJson(RelayConfPath("auth.conf"));
-    Json::Value body = Parsed(R"({"version":1,"command":"register"})");
+    const Json::Value auth = ReadJson(ORVO::Paths::kAuthConf);
+    Json::Value body = ParseJson(R"({"version":1,"command":"register"})");
     body["auth"] = auth;
     EXPECT_EQ(ControlRecords()[1]["host"], kSecondary);
     EXPECT_EQ(ControlRecords()[1]["body"], body);
 
-    ASSERT_EQ(unlink(RelayConfPath("auth.conf").c_str()), 0);
+    ASSERT_EQ(unlink(ORVO::Paths::kAuthConf), 0);
     Json::Value response;
     EXPECT_EQ(AsHost([&] { return SendRegisterServerId(conf, response); }), 255);
-    EXPECT_TRUE(Logged("utils", "get auth token failed"));
+    EXPECT_TRUE(LoggedError("utils", "get auth token failed"));
     EXPECT_EQ(ControlRecords().size(), 2u) << "nothing sent without credentials";
 }
 
 TEST_F(RegisterSiteTest, Md5TextAndRequestsThatCannotBePrepared) {
     char out[65];
     EXPECT_EQ(GetMd5String(nullptr, out, 10), -1);
-    EXPECT_TRUE(Logged("utils", "Invalid input.")) << "before the size is looked at";
+    EXPECT_TRUE(LoggedError("utils", "Invalid input.")) << "before the size is looked at";
     EXPECT_EQ(GetMd5String("abc", out, 63), -1);
     std::memset(out, 'x', sizeof out);
     EXPECT_EQ(GetMd5String("", out, 64), 0);

@@ -1,7 +1,6 @@
 // ORVO.Core.Farlink "set_server_alias" v1 and "check_availability" v3
 // through the box's host, against the box's control server, relay daemon and
 // account state. Runs inside a box.
-#include <json/reader.h>
 #include <orvo/paths.h>
 
 #include <string>
@@ -16,30 +15,20 @@ const std::string kConf = ORVO::Paths::kRelaydConf;
 const std::string kPrimary = FARLINK_PRIMARY_CONTROL_HOST;
 const std::string kSite = "rs" + kPrimary.substr(kPrimary.find('.'));
 
-Json::Value Parsed(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
-
 class ServerAliasTest : public BoxTest {
 protected:
     // A request that passes every check, with `changes` merged in ("-" drops
     // a member). The API code, 2908 for success.
     int SetAlias(const std::string& changes = "{}") {
-        Json::Value params = Parsed(
+        Json::Value params = ParseJson(
             R"({"kivo_account":"alice@example.test","server_alias":"box","kivo_password":"secret1"})");
-        const Json::Value changed = Parsed(changes);
+        const Json::Value changed = ParseJson(changes);
         for (const auto& name : changed.getMemberNames()) params[name] = changed[name];
         for (const auto& name : params.getMemberNames())
             if (params[name] == "-") params.removeMember(name);
         syslogMark_ = SyslogMark();
         const Json::Value answer = Call("ORVO.Core.Farlink", 1, "set_server_alias", params);
         return answer["success"] == true ? 2908 : answer["error"]["code"].asInt();
-    }
-    bool Logged(const std::string& source, const std::string& message) {
-        const auto line = WaitForLogged(source, message, Milliseconds(3000));
-        return line && line->priority == 1 * 8 + 3;  // user.err
     }
     // "command@host" of the requests from the `from`th on, heartbeats left out.
     std::vector<std::string> Commands(Json::ArrayIndex from = 0) {
@@ -58,9 +47,6 @@ protected:
             if (record["command"] == "set_alias") body = record["body"];
         return body;
     }
-    static void Daemon(const char* command) {
-        ASSERT_EQ(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", command}), 0);
-    }
 };
 
 TEST_F(ServerAliasTest, ParametersAreCheckedBeforeAnythingIsSent) {
@@ -78,7 +64,7 @@ TEST_F(ServerAliasTest, ParametersAreCheckedBeforeAnythingIsSent) {
     };
     for (const auto& [changes, logged] : refused) {
         EXPECT_EQ(SetAlias(changes), 2901) << changes;
-        EXPECT_TRUE(Logged("farlink.v1", logged)) << logged;
+        EXPECT_TRUE(LoggedError("farlink.v1", logged)) << logged;
     }
     EXPECT_TRUE(Commands().empty());
     EXPECT_EQ(SetAlias(R"({"server_alias":"b","kivo_password":"\u00e9\u00e9\u00e9"})"), 2908);
@@ -106,14 +92,14 @@ TEST_F(ServerAliasTest, RegisterSiteAndServerIdAreFetchedOnlyWhenMissing) {
     };
     for (const auto& c : cases) {
         const bool daemonOn = c.fault == "daemon on";
-        if (daemonOn) Daemon("on");
-        Json::Value fault = Parsed(daemonOn ? R"({"mode":"normal"})" : c.fault);
+        ASSERT_TRUE(!daemonOn || Relayd("on") == 0);
+        Json::Value fault = ParseJson(daemonOn ? R"({"mode":"normal"})" : c.fault);
         fault["count"] = 1;
         SetControlFault(fault);
         const Json::ArrayIndex before = ControlRecords().size();
         EXPECT_EQ(SetAlias(), c.code) << c.fault;
         EXPECT_EQ(Commands(before), c.commands) << c.fault;
-        EXPECT_TRUE(c.logged.empty() || Logged("farlink.v1", c.logged)) << c.logged;
+        EXPECT_TRUE(c.logged.empty() || LoggedError("farlink.v1", c.logged)) << c.logged;
     }
     EXPECT_EQ(CloudServiceActions(), std::vector<std::string>{"action 2"});
 }
@@ -126,11 +112,11 @@ TEST_F(ServerAliasTest, RefusedAliasAnswersTheAliasCodeAndRecordsNothing) {
         {R"({"mode":"close"})", "2902 ret: 7 error: network error"},
     };
     for (const auto& [rule, expected] : cases) {
-        Json::Value fault = Parsed(rule);
+        Json::Value fault = ParseJson(rule);
         fault["command"] = "set_alias";
         SetControlFault(fault);
         EXPECT_EQ(SetAlias(), std::stoi(expected)) << rule;
-        EXPECT_TRUE(Logged("farlink.v1", "Alias request alias: box " + expected.substr(5)));
+        EXPECT_TRUE(LoggedError("farlink.v1", "Alias request alias: box " + expected.substr(5)));
     }
     EXPECT_EQ(CloudServiceActions(), std::vector<std::string>{"action 2"});
     EXPECT_EQ(ReadJson(kConf)["server_alias"]["alias"], "");
@@ -139,26 +125,26 @@ TEST_F(ServerAliasTest, RefusedAliasAnswersTheAliasCodeAndRecordsNothing) {
 TEST_F(ServerAliasTest, GrantedAliasIsRecordedAndARunningDaemonReloaded) {
     ASSERT_EQ(SetAlias(), 2908);
     const Json::Value conf = ReadJson(kConf);
-    Json::Value body = Parsed(R"({"version":1,"command":"set_alias","command_version":1,
+    Json::Value body = ParseJson(R"({"version":1,"command":"set_alias","command_version":1,
         "alias":"box","kivo_account":"alice@example.test","force":"false",
         "kivo_password":"e52d98c459819a11775936d8dfbb7929"})");  // MD5 of secret1
     body["serverID"] = conf["server_id"];
     EXPECT_EQ(LastAliasBody(), body);
     EXPECT_EQ(conf["server_alias"]["alias"], "box");
     EXPECT_EQ(ReadJson(ORVO::Paths::kAliasStatus)["box"],
-              Parsed(R"({"status":"success","error":""})"));
+              ParseJson(R"({"status":"success","error":""})"));
     EXPECT_TRUE(SystemdReloads().empty()) << "a stopped daemon is not reloaded";
 
-    Daemon("on");
+    ASSERT_EQ(Relayd("on"), 0);
     EXPECT_EQ(SetAlias(R"({"server_alias":"other","force":true})"), 2908);
     EXPECT_EQ(LastAliasBody()["force"], "true");
     EXPECT_EQ(SystemdReloads(), std::vector<std::string>{"orvorelayd ok"});
 
     // Said to be on but not running: the reload fails after the alias is recorded.
-    Daemon("off");
-    WriteDaemonEmulation(Parsed(R"({"status_output":"on"})"));
+    ASSERT_EQ(Relayd("off"), 0);
+    WriteDaemonEmulation(ParseJson(R"({"status_output":"on"})"));
     EXPECT_EQ(SetAlias(R"({"server_alias":"third"})"), 2900);
-    EXPECT_TRUE(Logged("farlink.v1", "Fail to set notify orvorelayd"));
+    EXPECT_TRUE(LoggedError("farlink.v1", "Fail to set notify orvorelayd"));
     EXPECT_EQ(ReadJson(kConf)["server_alias"]["alias"], "third");
 }
 
@@ -184,20 +170,20 @@ TEST_F(ServerAliasTest, AvailabilityFollowsRegionAndValidation) {
         SCOPED_TRACE(c.site + c.primaryFault);
         ResetControlServer();
         if (!c.site.empty())
-            SetControlSite(Parsed(R"({"global_host":")" + kPrimary + R"(","answer":{"host":")" +
-                                  c.site + "\"}}"));
+            SetControlSite(ParseJson(R"({"global_host":")" + kPrimary + R"(","answer":{"host":")" +
+                                     c.site + "\"}}"));
         Json::Value fault =
-            Parsed(c.primaryFault.empty() ? R"({"mode":"normal"})" : c.primaryFault);
+            ParseJson(c.primaryFault.empty() ? R"({"mode":"normal"})" : c.primaryFault);
         fault["host"] = kPrimary;
         SetControlFault(fault);
-        WriteAccount(Parsed(c.validated ? R"({"realname_validated":true})" : "{}"));
-        WriteHostInfo(c.failover ? "farlink_enable_failover=\"true\"\n" : "");
+        WriteAccount(ParseJson(c.validated ? R"({"realname_validated":true})" : "{}"));
+        WriteFile(ORVO::Paths::kHostInfo, c.failover ? "farlink_enable_failover=\"true\"\n" : "");
         syslogMark_ = SyslogMark();
-        const Json::Value answer = Call("ORVO.Core.Farlink", 3, "check_availability");
-        EXPECT_EQ(answer, Parsed(R"({"success":true,"data":)" + c.verdict + "}"));
+        EXPECT_EQ(Call("ORVO.Core.Farlink", 3, "check_availability"),
+                  Answer(0, ParseJson(c.verdict)));
         EXPECT_EQ(ControlRecords().size(), c.failover ? 2u : 1u);
         EXPECT_TRUE(c.primaryFault.empty() || c.failover ||
-                    Logged("farlink.v3", "Failed to get register site host"));
+                    LoggedError("farlink.v3", "Failed to get register site host"));
     }
 }
 

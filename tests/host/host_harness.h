@@ -1,31 +1,20 @@
 // Runs farlink-host as a child process and talks HTTP to it.
 #pragma once
 
-#include <curl/curl.h>
 #include <fcntl.h>
-#include <json/reader.h>
-#include <json/value.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <memory>
-#include <ostream>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "test_files.h"
-
-namespace Json {
-// Readable values in test failure messages.
-inline void PrintTo(const Value& value, std::ostream* out) { *out << value.toStyledString(); }
-}  // namespace Json
+#include "test_http.h"
+#include "test_json.h"
 
 namespace farlink::host::test {
 
@@ -85,12 +74,7 @@ public:
         return true;
     }
     const std::string& StdoutText() const { return stdout_; }
-    std::string StderrText() const {
-        std::ifstream file(stderrPath_);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
+    std::string StderrText() const { return farlink_test::ReadFile(stderrPath_); }
     const std::string& BaseUrl() const { return baseUrl_; }
     pid_t Pid() const { return pid_; }
 
@@ -114,62 +98,10 @@ private:
     std::string baseUrl_;
 };
 
-struct HttpResult {
-    long status = 0;  // 0: no answer
-    std::string body;
-    std::string setCookie;
-    Json::Value json;  // null unless the body was JSON
-};
-
-inline size_t AppendBody(char* data, size_t size, size_t count, void* target) {
-    static_cast<std::string*>(target)->append(data, size * count);
-    return size * count;
-}
-
-inline HttpResult Fetch(const std::string& method, const std::string& url,
-                        const std::string& contentType = "", const std::string& body = "",
-                        const std::string& cookie = "") {
-    HttpResult result;
-    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
-    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
-        contentType.empty() ? nullptr
-                            : curl_slist_append(nullptr, ("Content-Type: " + contentType).c_str()),
-        curl_slist_free_all);
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
-    if (method == "POST") {
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.data());
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE_LARGE,
-                         static_cast<curl_off_t>(body.size()));
-    }
-    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-    if (!cookie.empty()) curl_easy_setopt(curl.get(), CURLOPT_COOKIE, cookie.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, AppendBody);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &result.body);
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 20L);
-    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-    if (curl_easy_perform(curl.get()) != CURLE_OK) return result;
-    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &result.status);
-    curl_header* setCookie = nullptr;
-    if (curl_easy_header(curl.get(), "Set-Cookie", 0, CURLH_HEADER, -1, &setCookie) == CURLHE_OK)
-        result.setCookie = setCookie->value;
-    std::istringstream text(result.body);
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &result.json, nullptr))
-        result.json = Json::Value();
-    return result;
-}
-
-// "a=1&b=x%20y" from name/value pairs.
-inline std::string Query(const std::vector<std::pair<std::string, std::string>>& params) {
-    std::string query;
-    for (const auto& [name, value] : params) {
-        char* escaped = curl_easy_escape(nullptr, value.c_str(), static_cast<int>(value.size()));
-        query += (query.empty() ? "" : "&") + name + "=" + escaped;
-        curl_free(escaped);
-    }
-    return query;
-}
-
+using farlink_test::Fetch;
+using farlink_test::HttpResult;
+using farlink_test::ParseJson;
+using farlink_test::ReadFile;
 using farlink_test::ReadLines;
 using farlink_test::WaitUntil;
 

@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <orvo/core.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,20 +17,12 @@ using platform_test::WaitUntil;
 
 constexpr char kShell[] = "/bin/sh";
 
-// Children of this process that have exited but were not reaped.
-int CountZombieChildren() {
-    int zombies = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string stat = ReadFile(entry.path().string() + "/stat");
-        const std::size_t nameEnd = stat.rfind(')');
-        if (nameEnd == std::string::npos) continue;
-        std::istringstream fields(stat.substr(nameEnd + 2));
-        std::string state, parent;
-        fields >> state >> parent;
-        zombies += state == "Z" && parent == std::to_string(::getpid());
-    }
-    return zombies;
+// Whether a child of this process has ended and is not reaped.
+bool ZombieChild() {
+    siginfo_t info{};
+    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
+
 // Prints every argument in brackets, so that splitting and quoting show.
 constexpr char kPrintArgs[] = "for a; do printf '[%s]' \"$a\"; done";
 
@@ -44,36 +36,23 @@ TEST(ExecTest, ArgumentsArriveIntact) {
     std::fclose(stream);
 }
 
-TEST(ExecTest, ExitStatusAndSignals) {
-    EXPECT_EQ(OLIBCExec(kShell, "-c", "exit 0", nullptr, nullptr), 0);
+TEST(ExecTest, ExitStatusSignalsAndProgramsThatCannotRun) {
     EXPECT_EQ(OLIBCExec(kShell, "-c", "exit 7", nullptr, nullptr), 7);
     EXPECT_EQ(OLIBCExec(kShell, "-c", "kill -TERM $$", nullptr, nullptr), 128 + SIGTERM);
     EXPECT_EQ(OLIBCExecl(kShell, 0, "-c", "exit 3", nullptr), 3);
     // The list stops at the first null even when later slots are filled.
     EXPECT_EQ(OLIBCExec(kShell, "-c", "exit $#", nullptr, "ignored"), 0);
-}
 
-TEST(ExecTest, ProgramsThatCannotRun) {
-    TempDir dir;
-    const std::string plain = dir / "not-executable";
-    platform_test::WriteFile(plain, "#!/bin/sh\nexit 0\n");
-    ::chmod(plain.c_str(), 0644);
-    const std::string missing = dir / "missing";
-
+    const std::string missing = "/nonexistent/program";
     EXPECT_EQ(OLIBCExec(missing.c_str(), nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(OLIBCExecl(missing.c_str(), OLIBC_EXEC_NOWAIT | OLIBC_EXEC_DETACH, nullptr), -1);
-
     errno = 0;
     EXPECT_EQ(OLIBCPopen(missing.c_str(), "r", nullptr), nullptr);
     EXPECT_EQ(errno, ENOENT);
     errno = 0;
-    EXPECT_EQ(OLIBCPopen(plain.c_str(), "r", nullptr), nullptr);
-    EXPECT_EQ(errno, EACCES);
-
-    errno = 0;
-    EXPECT_EQ(OLIBCPopen("/bin/sh", "rw", nullptr), nullptr);
+    EXPECT_EQ(OLIBCPopen(kShell, "rw", nullptr), nullptr);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(OLIBCExecl("/bin/sh", 0x1000, "-c", "true", nullptr), -1) << "unknown flag bits";
+    EXPECT_EQ(OLIBCExecl(kShell, 0x1000, "-c", "true", nullptr), -1) << "unknown flag bits";
 }
 
 TEST(ExecTest, ChildGetsCleanDescriptorsAndSignals) {
@@ -99,24 +78,13 @@ TEST(ExecTest, ChildGetsCleanDescriptorsAndSignals) {
     EXPECT_EQ(result, 128 + SIGTERM) << "the caller's blocked or ignored signals leaked";
 }
 
-TEST(ExecTest, PopenWritesToStandardInput) {
-    TempDir dir;
-    std::string out = dir / "out";
-    std::string script = "cat > '" + out + ".tmp' && mv '" + out + ".tmp' '" + out + "'";
-    FILE* stream = OLIBCPopen(kShell, "w", "-c", script.c_str(), nullptr);
-    ASSERT_NE(stream, nullptr);
-    std::fputs("hello\n", stream);
-    std::fclose(stream);
-    EXPECT_TRUE(WaitUntil([&] { return ReadFile(out) == "hello\n"; }));
-}
-
 TEST(ExecTest, NoZombieAfterPopenClosedWithFclose) {
     for (const char* script : {"echo unread output", "exec sleep 0.2"}) {
         FILE* stream = OLIBCPopen(kShell, "r", "-c", script, nullptr);
         ASSERT_NE(stream, nullptr);
         std::fclose(stream);
     }
-    EXPECT_TRUE(WaitUntil([] { return CountZombieChildren() == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return !ZombieChild(); }));
 }
 
 // The detached program reports its pid, its session and its standard streams.
@@ -137,7 +105,7 @@ TEST(ExecTest, DetachedProgramRunsInItsOwnSessionAndIsReaped) {
     EXPECT_EQ(session, pid) << "not a session leader";
     EXPECT_NE(session, std::to_string(::getsid(0)));
     EXPECT_EQ(streams, " /dev/null /dev/null /dev/null");
-    EXPECT_TRUE(WaitUntil([] { return CountZombieChildren() == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return !ZombieChild(); }));
 }
 
 }  // namespace

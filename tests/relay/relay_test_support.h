@@ -2,8 +2,6 @@
 // the daemon program and waiting for the state it publishes.
 #pragma once
 
-#include <json/reader.h>
-#include <json/value.h>
 #include <orvo/paths.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,27 +9,19 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "test_files.h"
+#include "test_json.h"
 
 namespace relay_test {
 
+using farlink_test::ParseJson;
 using farlink_test::ReadFile;
+using farlink_test::ReadJson;
 using farlink_test::TempDir;
 using farlink_test::WaitUntil;
 using farlink_test::WriteFile;
-
-// The parsed text or file; a null value when missing or not JSON.
-inline Json::Value ParseJson(const std::string& text) {
-    std::istringstream in(text);
-    Json::Value value;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) return {};
-    return value;
-}
-inline Json::Value ReadJson(const std::string& path) { return ParseJson(ReadFile(path)); }
 
 struct ProgramResult {
     int exitStatus = -1;  // -1 when it did not exit normally

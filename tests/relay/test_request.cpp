@@ -1,114 +1,28 @@
-// Request against the real control server and against places where no
-// server answers.
+// Requests that fail before any server could answer, and the decoding of the
+// control server's error numbers. The answers, time-outs and TLS of real
+// exchanges are tested in the box (test_box_relay_requests).
 #include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <orvo/relayd.h>
 
-#include <chrono>
-
-#include "test_request_harness.h"
+#include <string>
+#include <tuple>
 
 using namespace ORVO::Relay;
 
 namespace {
 
-Json::Value Command(const char* command) {
-    Json::Value body(Json::objectValue);
-    body["version"] = 1;
-    body["command"] = command;
-    return body;
-}
-
-class RequestTest : public farlink_test::ControlServerTest {};
-
-TEST_F(RequestTest, PostsTheBodyAsJsonAndReadsTheAnswer) {
-    Json::Value body = Command("get_register_site");
-    body["note"] = "a \"quoted\" text";
-    Request request(Server().Url(), body, true);
-    ASSERT_TRUE(request.Send());
-    Json::Value answer;
-    ASSERT_TRUE(request.GetResponse(answer));
-    EXPECT_EQ(request.GetError(), RELAYD_OK);
-    EXPECT_EQ(answer["host"], "rs.farlink.test");
-
-    const auto records = Server().Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0]["method"], "POST");
-    EXPECT_EQ(records[0]["scheme"], "http");
-    EXPECT_EQ(records[0]["path"], "/Serv.php");
-    EXPECT_EQ(records[0]["body"], body);
-}
-
-TEST_F(RequestTest, UnusableAnswersAreToldAndServerErrorsAreAnswers) {
-    for (const auto& [mode, sent, error] : {std::tuple{"malformed", true, RELAYD_ERR_BAD_RESPONSE},
-                                            {"close", false, RELAYD_ERR_NETWORK}}) {
-        SCOPED_TRACE(mode);
-        ASSERT_TRUE(Server().Fault(mode));
-        Request request(Server().Url(), Command("heartbeat"), true);
-        EXPECT_EQ(request.Send(), sent);
-        EXPECT_EQ(request.GetError(), error);
-        Json::Value answer;
-        EXPECT_FALSE(request.GetResponse(answer));
-    }
-    // An HTTP error status is not an answer: the control interface answers
-    // unknown paths with 404 and a JSON object.
-    Request notFound("http://127.0.0.1:" + std::to_string(Server().controlPort) + "/control/x",
-                     Json::Value(Json::objectValue), true);
-    EXPECT_FALSE(notFound.Send());
-    EXPECT_EQ(notFound.GetError(), RELAYD_ERR_UNSUPPORTED);
-
-    Json::Value fault(Json::objectValue);
-    fault["errno"] = 4;
-    ASSERT_TRUE(Server().Fault("error", fault));
-    Request request(Server().Url(), Command("register"), true);
-    ASSERT_TRUE(request.Send());
-    Json::Value answer;
-    ASSERT_TRUE(request.GetResponse(answer));
-    EXPECT_EQ(RespErrMap(ParseServerError(answer)), RELAYD_ERR_SERVER_BUSY);
-}
-
-TEST_F(RequestTest, TotalTimeoutEndsOnlyASilentExchange) {
-    ASSERT_TRUE(Server().Fault("silent"));
-    Request request(Server().Url(), Command("heartbeat"), true);
-    ASSERT_TRUE(request.SetTimeout(1));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(request.Send());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(request.GetError(), RELAYD_ERR_TIMEOUT);
-    EXPECT_EQ(request.GetCurlResult(), CURLE_OPERATION_TIMEDOUT);
-
-    // The withheld answer must not hold up anyone else; a delayed answer
-    // within the time allowed arrives.
-    Json::Value delay(Json::objectValue);
-    delay["delay_ms"] = 300;
-    ASSERT_TRUE(Server().Fault("delay", delay));
-    Request other(Server().Url(), Command("heartbeat"), true);
-    other.SetTimeout(10);
-    EXPECT_TRUE(other.Send());
-    EXPECT_EQ(other.GetError(), RELAYD_OK);
-}
-
-TEST_F(RequestTest, HttpsTrustsOnlyTheSystemStore) {
-    Request request(Server().Url("localhost", true), Command("heartbeat"), true);
-    request.SetConnectionTimeout(5);
-    EXPECT_FALSE(request.Send());
-    EXPECT_EQ(request.GetError(), RELAYD_ERR_TLS);
-
-    // /etc is a private overlay here: trust the test CA as the box does.
-    std::ifstream ca(Server().CaPath());
-    std::ofstream("/etc/ssl/certs/ca-certificates.crt", std::ios::app) << ca.rdbuf();
-    EXPECT_TRUE(request.Send()) << "curl result " << request.GetCurlResult();
-    EXPECT_EQ(Server().Records().back()["scheme"], "https");
-}
-
 TEST(RequestTransport, FailuresWithoutAServerAreTold) {
+    Json::Value body(Json::objectValue);
+    body["command"] = "heartbeat";
     const std::tuple<std::string, RELAYD_RET, int> cases[] = {
         {"http://nonexistent.invalid/Serv.php", RELAYD_ERR_RESOLVE, CURLE_COULDNT_RESOLVE_HOST},
-        {std::string("http://127.0.0.1:") + farlink_test::kClosedPort + "/Serv.php",
-         RELAYD_ERR_NETWORK, CURLE_COULDNT_CONNECT},
+        {"http://127.0.0.1:1/Serv.php", RELAYD_ERR_NETWORK, CURLE_COULDNT_CONNECT},
         // Only the web schemes: a configuration must not make us read files.
         {"file:///etc/passwd", RELAYD_ERR_INVALID_ARG, CURLE_UNSUPPORTED_PROTOCOL},
     };
     for (const auto& [url, error, curlResult] : cases) {
-        Request request(url, Command("heartbeat"), true);
+        Request request(url, body, true);
         EXPECT_FALSE(request.Send()) << url;
         EXPECT_EQ(request.GetError(), error) << url;
         EXPECT_EQ(request.GetCurlResult(), curlResult) << url;
@@ -122,11 +36,51 @@ TEST(RequestTransport, RefusesUnusableSettings) {
 
     EXPECT_FALSE(request.Set("", Json::Value(Json::objectValue), true));
     EXPECT_FALSE(request.Set("http://127.0.0.1/", Json::Value(Json::arrayValue), true));
-    EXPECT_FALSE(request.Set("http://127.0.0.1/", Json::Value("text"), true));
-    EXPECT_FALSE(request.SetConnectionTimeout(0));
-    EXPECT_FALSE(request.SetConnectionTimeout(-5));
-    EXPECT_FALSE(request.SetTimeout(0));
+    EXPECT_FALSE(request.SetConnectionTimeout(0) || request.SetConnectionTimeout(-5) ||
+                 request.SetTimeout(0));
     EXPECT_FALSE(request.Send()) << "refused settings must not make the request usable";
+
+    AliasRequest alias;
+    EXPECT_FALSE(alias.SetRequest(ALIAS_REQUEST_SET, Json::Value(Json::arrayValue)));
+    EXPECT_FALSE(
+        alias.SetRequest(static_cast<ALIAS_REQUEST_CMD>(3), Json::Value(Json::objectValue)));
+    ALIAS_RET ret = ALIAS_RET_UNSET;
+    EXPECT_FALSE(alias.Send(ret));
+    EXPECT_EQ(ret, ALIAS_ERR_PARAM);
+}
+
+TEST(ServerErrors, OnlyIntegerErrorNumbersOfObjectsAreReadAndEachTranslates) {
+    const auto withErrno = [](const Json::Value& number) {
+        Json::Value answer(Json::objectValue);
+        answer["errno"] = number;
+        return answer;
+    };
+    EXPECT_EQ(ParseServerError(Json::Value(Json::objectValue)), RELAYSERVER_OK);
+    EXPECT_EQ(ParseServerError(withErrno(0)), RELAYSERVER_OK);
+    EXPECT_EQ(ParseServerError(withErrno(6)), RELAYSERVER_ERR_ALIAS_TAKEN);
+    EXPECT_EQ(ParseServerError(withErrno(3.0)), RELAYSERVER_ERR_AUTH);
+    EXPECT_EQ(static_cast<int>(ParseServerError(withErrno(99))), 99);
+    for (const Json::Value& bad :
+         {withErrno("3"), withErrno(true), withErrno(Json::Value()), withErrno(2.5),
+          withErrno(1e12), Json::Value(), Json::Value(Json::arrayValue), Json::Value("errno")}) {
+        EXPECT_EQ(ParseServerError(bad), RELAYSERVER_ERR_MALFORMED) << bad.toStyledString();
+    }
+
+    // The translation of the errors whose meaning the daemon acts on, and of
+    // unknown ones.
+    const std::pair<RELAYSERVER_ERR, RELAYD_RET> table[] = {
+        {RELAYSERVER_OK, RELAYD_OK},
+        {RELAYSERVER_ERR_AUTH, RELAYD_ERR_AUTH},
+        {RELAYSERVER_ERR_BUSY, RELAYD_ERR_SERVER_BUSY},
+        {RELAYSERVER_ERR_APIKEY_EXPIRED, RELAYD_ERR_APIKEY_EXPIRED},
+        {RELAYSERVER_ERR_ALIAS_TAKEN, RELAYD_ERR_UNKNOWN},
+        {RELAYSERVER_ERR_NOT_REGISTERED, RELAYD_ERR_NOT_REGISTERED},
+        {RELAYSERVER_ERR_UNSUPPORTED_VERSION, RELAYD_ERR_UNSUPPORTED},
+        {RELAYSERVER_ERR_VIOLATION, RELAYD_ERR_VIOLATION},
+        {RELAYSERVER_ERR_MALFORMED, RELAYD_ERR_BAD_RESPONSE},
+        {RELAYSERVER_ERR(99), RELAYD_ERR_UNKNOWN},
+        {RELAYSERVER_ERR(-7), RELAYD_ERR_UNKNOWN}};
+    for (const auto& [error, expected] : table) EXPECT_EQ(RespErrMap(error), expected) << error;
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "box_fixture.h"
 
-#include <curl/curl.h>
-#include <json/reader.h>
 #include <json/writer.h>
 #include <orvo/paths.h>
 #include <pwd.h>
@@ -9,17 +7,16 @@
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <memory>
 #include <regex>
 #include <sstream>
 #include <thread>
+
+#include "test_http.h"
 
 extern char** environ;
 
@@ -31,9 +28,7 @@ namespace {
 
 constexpr const char kEmulationConf[] = "/usr/orvo/var/lib/orvorelayd/emulation.conf";
 constexpr const char kResolvConf[] = "/etc/resolv.conf";
-constexpr const char kNotInBox[] =
-    "BoxTest runs only inside the emulated box: start the program as "
-    "world/farlink-box -- <test program> (FARLINK_BOX_RUN_DIR is not set)";
+constexpr int kUserErr = 1 * 8 + 3;
 
 std::string Env(const char* name) {
     const char* value = std::getenv(name);
@@ -42,212 +37,95 @@ std::string Env(const char* name) {
 
 std::string InitialCopy(const std::string& name) { return BoxRunDir() + "/initial/" + name; }
 
-std::string Trimmed(std::string text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-    return text;
-}
-
 std::string CompactJson(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Json::writeString(builder, value);
 }
 
-std::optional<Json::Value> ParseJson(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::istringstream stream(text);
-    Json::Value value;
-    std::string errors;
-    if (!Json::parseFromStream(builder, stream, &value, &errors)) return std::nullopt;
-    return value;
-}
-
-std::string ReadWholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-// Truncates and writes the same inode, so that a bind-mounted file stays bound.
-void RewriteInPlace(const std::string& path, const std::string& content) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << content;
-    EXPECT_TRUE(file.flush()) << "cannot write " << path;
-}
-
-// --- HTTP -------------------------------------------------------------------
-
-struct CurlFree {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct CurlListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-
-struct HttpAnswer {
-    bool reached = false;
-    long status = 0;
-    std::string body;
-    std::string error;
-};
-
-size_t AppendBody(char* data, size_t size, size_t count, void* body) {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-}
-
-std::string UrlEscape(const std::string& text) {
-    std::unique_ptr<char, decltype(&curl_free)> escaped(
-        curl_escape(text.c_str(), static_cast<int>(text.size())), curl_free);
-    return escaped ? escaped.get() : "";
-}
-
-// A GET, or a POST when `body` is given.
-HttpAnswer Http(const std::string& url, const std::optional<std::string>& body = std::nullopt,
-                const std::string& cookie = "") {
-    static const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-    HttpAnswer answer;
-    std::unique_ptr<CURL, CurlFree> curl(initialised ? curl_easy_init() : nullptr);
-    if (!curl) {
-        answer.error = "no curl handle";
-        return answer;
-    }
-    std::unique_ptr<curl_slist, CurlListFree> headers(
-        curl_slist_append(nullptr, "Content-Type: application/json"));
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 60L);
-    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, AppendBody);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &answer.body);
-    if (!cookie.empty()) curl_easy_setopt(curl.get(), CURLOPT_COOKIE, cookie.c_str());
-    if (body) {
-        curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body->c_str());
-    }
-    const CURLcode result = curl_easy_perform(curl.get());
-    if (result != CURLE_OK) {
-        answer.error = curl_easy_strerror(result);
-        return answer;
-    }
-    answer.reached = true;
-    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status);
-    return answer;
-}
-
-std::optional<Json::Value> JsonAnswer(const HttpAnswer& answer, const std::string& what) {
-    if (!answer.reached) {
-        ADD_FAILURE() << what << ": " << answer.error;
-        return std::nullopt;
-    }
-    auto value = ParseJson(answer.body);
-    if (!value) ADD_FAILURE() << what << ": answer is not JSON: " << answer.body;
-    return value;
+// The answer's JSON; a test failure and null when there is none.
+Json::Value JsonAnswer(const HttpResult& answer, const std::string& what) {
+    if (answer.status == 0) ADD_FAILURE() << what << ": " << answer.error;
+    if (answer.status != 0 && answer.json.isNull())
+        ADD_FAILURE() << what << ": answer is not JSON: " << answer.body;
+    return answer.json;
 }
 
 // The host's session, opened on first use and kept for the whole program.
 const std::string& SessionCookie() {
     static const std::string cookie = [] {
-        const std::string password = Trimmed(ReadWholeFile(BoxRunDir() + "/admin-password"));
-        const auto answer =
-            JsonAnswer(Http(Env("FARLINK_BOX_URL") +
-                            "/webapi/auth.cgi?account=admin&passwd=" + UrlEscape(password)),
-                       "login");
-        if (!answer || !(*answer)["data"]["sid"].isString()) {
-            ADD_FAILURE() << "the host refused the login";
-            return std::string();
-        }
-        return "id=" + (*answer)["data"]["sid"].asString();
+        std::string password = ReadFile(BoxRunDir() + "/admin-password");
+        password.erase(password.find_last_not_of("\n ") + 1);
+        const Json::Value answer = JsonAnswer(
+            Fetch("GET", Env("FARLINK_BOX_URL") +
+                             "/webapi/auth.cgi?account=admin&passwd=" + UrlEscape(password)),
+            "login");
+        if (!answer["data"]["sid"].isString()) ADD_FAILURE() << "the host refused the login";
+        return "id=" + answer["data"]["sid"].asString();
     }();
     return cookie;
 }
 
 void PostControl(const std::string& path, const Json::Value& body) {
-    const auto answer = Http(Env("FARLINK_BOX_CONTROL_URL") + path, CompactJson(body));
-    EXPECT_TRUE(answer.reached && answer.status == 200)
-        << "control server " << path << ": " << answer.error << answer.status << " " << answer.body;
+    const auto answer =
+        Fetch("POST", Env("FARLINK_BOX_CONTROL_URL") + path, "application/json", CompactJson(body));
+    EXPECT_EQ(answer.status, 200) << "control server " << path << ": " << answer.error
+                                  << answer.body;
 }
 
-// --- ids --------------------------------------------------------------------
-
-struct Ids {
-    long real = -1, effective = -1, saved = -1;
-};
-
-// "Uid:" or "Gid:" of /proc/<pid>/status.
-std::optional<Ids> ProcessIds(pid_t pid, const std::string& key) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(key, 0) != 0) continue;
-        Ids ids;
-        std::istringstream fields(line.substr(key.size()));
-        if (fields >> ids.real >> ids.effective >> ids.saved) return ids;
-    }
-    return std::nullopt;
+// real, effective and saved id of a "Uid:" or "Gid:" line of /proc/<pid>/status.
+std::vector<long> ProcessIds(pid_t pid, const std::string& key) {
+    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
+    std::vector<long> ids(3, -1);
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(key, 0) == 0)
+            std::istringstream(line.substr(key.size())) >> ids[0] >> ids[1] >> ids[2];
+    return ids;
 }
 
-// --- state reset ---------------------------------------------------------------
-
-void RestoreRelayConfDir() {
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(ORVO::Paths::kRelaydConfDir, error))
-        fs::remove_all(entry.path(), error);
-    for (const auto& entry : fs::directory_iterator(InitialCopy("orvorelayd"), error)) {
-        fs::copy(entry.path(), fs::path(ORVO::Paths::kRelaydConfDir) / entry.path().filename(),
-                 fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
-        EXPECT_FALSE(error) << "restoring " << entry.path() << ": " << error.message();
-    }
+void ExpectHostIdsDropped() {
+    const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
+    ASSERT_NE(user, nullptr) << "no service user in the box";
+    const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
+    const long uid = user->pw_uid, gid = user->pw_gid;
+    EXPECT_EQ(ProcessIds(host, "Uid:"), (std::vector<long>{0, uid, 0})) << "host " << host;
+    EXPECT_EQ(ProcessIds(host, "Gid:"), (std::vector<long>{0, gid, 0})) << "host " << host;
 }
 
-void TruncateIfPresent(const char* path) {
-    if (truncate(path, 0) != 0 && errno != ENOENT) ADD_FAILURE() << "cannot empty " << path;
+// <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
+SyslogLine ParseSyslogLine(const std::string& raw) {
+    static const std::regex form(
+        R"(^<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?[^:]*: (?:([\w.-]+):(\d+) )?([\s\S]*)$)");
+    std::smatch match;
+    if (!std::regex_match(raw, match, form)) return {-1, "", -1, raw, raw};
+    return {std::stoi(match[1]), match[2], match[3].matched ? std::stoi(match[3]) : -1, match[4],
+            raw};
 }
 
 }  // namespace
 
 std::string BoxRunDir() { return Env("FARLINK_BOX_RUN_DIR"); }
 
-SyslogLine ParseSyslogLine(const std::string& raw) {
-    // <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
-    static const std::regex header(R"(^<(\d+)>(?:[A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d )?)");
-    static const std::regex located(R"(^([A-Za-z0-9_.-]+):(\d+) ([\s\S]*)$)");
-    SyslogLine line;
-    line.raw = raw;
-    std::smatch match;
-    std::string text = raw;
-    if (std::regex_search(raw, match, header)) {
-        line.priority = std::stoi(match[1]);
-        text = match.suffix();
-    }
-    const auto colon = text.find(": ");
-    if (colon != std::string::npos) {
-        line.ident = text.substr(0, text.find('[') < colon ? text.find('[') : colon);
-        text = text.substr(colon + 2);
-    }
-    line.message = text;
-    if (std::regex_match(text, match, located)) {
-        line.source = match[1];
-        line.line = std::stoi(match[2]);
-        line.message = match[3];
-    }
-    return line;
-}
-
 void BoxTest::SetUp() {
-    ASSERT_FALSE(BoxRunDir().empty()) << kNotInBox;
+    ASSERT_FALSE(BoxRunDir().empty())
+        << "BoxTest runs only inside the emulated box: start the program as "
+           "world/farlink-box -- <test program> (FARLINK_BOX_RUN_DIR is not set)";
     std::error_code ignored;
     // First: the controls a test left would shape the stop.
     fs::remove(kEmulationConf, ignored);
-    EXPECT_EQ(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", "off"}), 0)
-        << "cannot stop the relay daemon";
-    RestoreRelayConfDir();
+    EXPECT_EQ(Relayd("off"), 0) << "cannot stop the relay daemon";
+    for (const auto& entry : fs::directory_iterator(ORVO::Paths::kRelaydConfDir, ignored))
+        fs::remove_all(entry.path(), ignored);
+    std::error_code error;
+    fs::copy(InitialCopy("orvorelayd"), ORVO::Paths::kRelaydConfDir, fs::copy_options::recursive,
+             error);
+    EXPECT_FALSE(error) << "restoring the relay configuration: " << error.message();
     WriteFile(ORVO::Paths::kHostInfo, ReadFile(InitialCopy("orvoinfo.conf")));
     WriteFile(kResolvConf, ReadFile(InitialCopy("resolv.conf")));
     WriteFile(ORVO::Paths::kKivoAccount, ReadFile(InitialCopy("account.conf")));
     for (const char* log : {ORVO::Paths::kKivoQueryLog, ORVO::Paths::kSystemdReloadLog,
                             ORVO::Paths::kCloudServiceLog})
-        TruncateIfPresent(log);
+        EXPECT_TRUE(truncate(log, 0) == 0 || errno == ENOENT) << "cannot empty " << log;
     ResetControlServer();
     syslogMark_ = SyslogMark();
 }
@@ -260,28 +138,18 @@ Json::Value BoxTest::Call(const std::string& api, int version, const std::string
                       "&version=" + std::to_string(version) + "&method=" + UrlEscape(method);
     for (const auto& name : params.getMemberNames())
         url += "&" + UrlEscape(name) + "=" + UrlEscape(CompactJson(params[name]));
-    const auto answer = JsonAnswer(Http(url, std::nullopt, SessionCookie()),
-                                   api + " v" + std::to_string(version) + " " + method);
+    const Json::Value answer = JsonAnswer(Fetch("GET", url, "", "", SessionCookie()),
+                                          api + " v" + std::to_string(version) + " " + method);
     ExpectHostIdsDropped();
-    return answer.value_or(Json::Value());
+    return answer;
 }
 
-pid_t BoxTest::HostPid() const {
-    return static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
-}
-
-void BoxTest::ExpectHostIdsDropped() const {
-    const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
-    ASSERT_NE(user, nullptr) << "no service user in the box";
-    const auto uids = ProcessIds(HostPid(), "Uid:");
-    const auto gids = ProcessIds(HostPid(), "Gid:");
-    ASSERT_TRUE(uids && gids) << "cannot read the host's ids (pid " << HostPid() << ")";
-    EXPECT_EQ(uids->effective, static_cast<long>(user->pw_uid)) << "host kept another euid";
-    EXPECT_EQ(gids->effective, static_cast<long>(user->pw_gid)) << "host kept another egid";
-    EXPECT_EQ(uids->real, 0);
-    EXPECT_EQ(uids->saved, 0);
-    EXPECT_EQ(gids->real, 0);
-    EXPECT_EQ(gids->saved, 0);
+Json::Value Answer(int code, const Json::Value& data) {
+    Json::Value answer;
+    answer["success"] = code == 0;
+    if (code != 0) answer["error"]["code"] = code;
+    if (code == 0 && !data.isNull()) answer["data"] = data;
+    return answer;
 }
 
 // --- the system log ---------------------------------------------------------------
@@ -292,45 +160,34 @@ std::uintmax_t BoxTest::SyslogMark() const {
     return error ? 0 : size;
 }
 
-std::vector<SyslogLine> BoxTest::SyslogSince(std::uintmax_t mark) const {
+std::vector<SyslogLine> BoxTest::SyslogSinceSetUp() const {
     std::ifstream log(BoxRunDir() + "/syslog.log");
-    log.seekg(static_cast<std::streamoff>(mark));
+    log.seekg(static_cast<std::streamoff>(syslogMark_));
     std::vector<SyslogLine> lines;
-    std::string raw;
-    while (std::getline(log, raw)) lines.push_back(ParseSyslogLine(raw));
+    for (std::string raw; std::getline(log, raw);) lines.push_back(ParseSyslogLine(raw));
     return lines;
-}
-
-namespace {
-
-template <typename Match>
-std::optional<SyslogLine> WaitForLine(std::chrono::milliseconds limit, Match match,
-                                      const std::function<std::vector<SyslogLine>()>& lines) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        for (const auto& line : lines())
-            if (match(line)) return line;
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-}
-
-}  // namespace
-
-std::optional<SyslogLine> BoxTest::WaitForSyslog(const std::string& text,
-                                                 Milliseconds limit) const {
-    return WaitForLine(
-        limit, [&](const SyslogLine& line) { return line.message.find(text) != std::string::npos; },
-        [this] { return SyslogSinceSetUp(); });
 }
 
 std::optional<SyslogLine> BoxTest::WaitForLogged(const std::string& source,
                                                  const std::string& message,
                                                  Milliseconds limit) const {
-    return WaitForLine(
-        limit,
-        [&](const SyslogLine& line) { return line.source == source && line.message == message; },
-        [this] { return SyslogSinceSetUp(); });
+    std::optional<SyslogLine> found;
+    WaitUntil(
+        [&] {
+            for (const auto& line : SyslogSinceSetUp()) {
+                if (line.source == source && line.message == message) found = line;
+                if (found) return true;
+            }
+            return false;
+        },
+        limit);
+    return found;
+}
+
+bool BoxTest::LoggedError(const std::string& source, const std::string& message,
+                          Milliseconds limit) const {
+    const auto line = WaitForLogged(source, message, limit);
+    return line && line->priority == kUserErr && line->line > 0;
 }
 
 // --- the control server -------------------------------------------------------------
@@ -340,46 +197,18 @@ void BoxTest::SetControlFault(const Json::Value& fault) { PostControl("/control/
 void BoxTest::SetControlSite(const Json::Value& site) { PostControl("/control/site", site); }
 
 Json::Value BoxTest::ControlRecords() {
-    return JsonAnswer(Http(Env("FARLINK_BOX_CONTROL_URL") + "/control/records"), "control records")
-        .value_or(Json::Value());
+    return JsonAnswer(Fetch("GET", Env("FARLINK_BOX_CONTROL_URL") + "/control/records"),
+                      "control records");
 }
 
-// --- files ----------------------------------------------------------------------------
-
-std::string BoxTest::ReadFile(const std::string& path) { return ReadWholeFile(path); }
+// --- files and state ------------------------------------------------------------------
 
 void BoxTest::WriteFile(const std::string& path, const std::string& content) {
-    RewriteInPlace(path, content);
+    EXPECT_TRUE(farlink_test::WriteFile(path, content)) << "cannot write " << path;
 }
-
-Json::Value BoxTest::ReadJson(const std::string& path) {
-    return ParseJson(ReadFile(path)).value_or(Json::Value());
-}
-
-void BoxTest::WriteJson(const std::string& path, const Json::Value& value) {
-    WriteFile(path, value.toStyledString());
-}
-
-std::vector<std::string> BoxTest::ReadLines(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    std::string line;
-    while (std::getline(file, line)) lines.push_back(line);
-    return lines;
-}
-
-std::string BoxTest::RelayConfPath(const std::string& name) {
-    return std::string(ORVO::Paths::kRelaydConfDir) + "/" + name;
-}
-
-void BoxTest::WriteHostInfo(const std::string& content) {
-    WriteFile(ORVO::Paths::kHostInfo, content);
-}
-
-// --- the relay daemon and the services around it ----------------------------------------
 
 std::optional<pid_t> BoxTest::DaemonPid() {
-    const std::string text = Trimmed(ReadFile(ORVO::Paths::kRelaydPidFile));
+    const std::string text = ReadFile(ORVO::Paths::kRelaydPidFile);
     if (text.empty()) return std::nullopt;
     return static_cast<pid_t>(std::atol(text.c_str()));
 }
@@ -387,53 +216,29 @@ std::optional<pid_t> BoxTest::DaemonPid() {
 bool BoxTest::DaemonRunning() {
     const auto pid = DaemonPid();
     if (!pid || *pid <= 0 || kill(*pid, 0) != 0) return false;
-    const std::string status = ReadFile("/proc/" + std::to_string(*pid) + "/status");
-    return status.find("State:\tZ") == std::string::npos;
+    return ReadFile("/proc/" + std::to_string(*pid) + "/status").find("State:\tZ") ==
+           std::string::npos;
 }
 
-std::string BoxTest::DaemonStatus() { return ReadFile(ORVO::Paths::kRelaydStatus); }
-
-void BoxTest::WriteDaemonEmulation(const Json::Value& controls) {
-    WriteJson(kEmulationConf, controls);
-}
-
-void BoxTest::WriteAccount(const Json::Value& state) {
-    WriteJson(ORVO::Paths::kKivoAccount, state);
-}
-
-std::vector<std::string> BoxTest::KivoQueries() { return ReadLines(ORVO::Paths::kKivoQueryLog); }
-
-std::vector<std::string> BoxTest::SystemdReloads() {
-    return ReadLines(ORVO::Paths::kSystemdReloadLog);
-}
-
-std::vector<std::string> BoxTest::CloudServiceActions() {
-    return ReadLines(ORVO::Paths::kCloudServiceLog);
-}
-
-int BoxTest::RunProgram(const std::vector<std::string>& argv) {
-    std::vector<char*> args;
-    for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+int BoxTest::Relayd(const std::string& command) {
+    std::string program = ORVO::Paths::kRelaydProgram, option = "--farlink", word = command;
+    char* args[] = {program.data(), option.data(), word.data(), nullptr};
     pid_t pid = 0;
-    if (args.size() < 2 || posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), environ) != 0)
-        return -1;
+    if (posix_spawn(&pid, args[0], nullptr, nullptr, args, environ) != 0) return -1;
     int status = 0;
     while (waitpid(pid, &status, 0) < 0)
         if (errno != EINTR) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// --- DNS ------------------------------------------------------------------------------------
+// --- scoped changes -------------------------------------------------------------------
 
-ScopedDnsOutage::ScopedDnsOutage() : saved_(ReadWholeFile(kResolvConf)) {
-    RewriteInPlace(kResolvConf, "nameserver " + Env("FARLINK_BOX_SILENT_NAMESERVER") +
-                                    "\noptions timeout:1 attempts:1\n");
+ScopedDnsOutage::ScopedDnsOutage() : saved_(ReadFile(kResolvConf)) {
+    EXPECT_TRUE(WriteFile(kResolvConf, "nameserver " + Env("FARLINK_BOX_SILENT_NAMESERVER") +
+                                           "\noptions timeout:1 attempts:1\n"));
 }
 
-ScopedDnsOutage::~ScopedDnsOutage() { RewriteInPlace(kResolvConf, saved_); }
-
-// --- credentials and programs -----------------------------------------------------------------
+ScopedDnsOutage::~ScopedDnsOutage() { EXPECT_TRUE(WriteFile(kResolvConf, saved_)); }
 
 ScopedUnrunnableProgram::ScopedUnrunnableProgram(std::string path) : path_(std::move(path)) {
     struct stat info {};

@@ -12,7 +12,9 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <orvo/paths.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -20,20 +22,40 @@
 #include <string>
 #include <vector>
 
+#include "test_json.h"
+
 namespace farlink_test {
 
 // One message of the box's system log, as farlink-syslogd wrote it.
 struct SyslogLine {
     int priority = -1;    // facility * 8 + severity, e.g. 11 for user.err
-    std::string ident;    // the program's tag, without "[pid]"
     std::string source;   // "utils" for "utils:42 text"; empty if absent
     int line = -1;        // 42 for "utils:42 text"; -1 if absent
     std::string message;  // text after "source:line ", else the whole text
     std::string raw;      // the line as written, priority prefix included
 };
 
-// Parses one line of run/syslog.log; also useful for tests of the parser.
-SyslogLine ParseSyslogLine(const std::string& raw);
+// The host's answer: {"success": true, "data": data} (no data when null)
+// or {"success": false, "error": {"code": code}}.
+Json::Value Answer(int code, const Json::Value& data = Json::Value());
+
+// While it lives, this process's effective ids are the box's service user's
+// while its real and saved ids stay root: the credentials the host runs the
+// module with. Leaving it restores root.
+class ScopedServiceUser {
+public:
+    ScopedServiceUser();
+    ~ScopedServiceUser();
+    ScopedServiceUser(const ScopedServiceUser&) = delete;
+    ScopedServiceUser& operator=(const ScopedServiceUser&) = delete;
+
+    uid_t Uid() const { return uid_; }
+    gid_t Gid() const { return gid_; }
+
+private:
+    uid_t uid_ = 0;
+    gid_t gid_ = 0;
+};
 
 class BoxTest : public ::testing::Test {
 protected:
@@ -43,30 +65,37 @@ protected:
 
     // --- the web API host ----------------------------------------------------
 
-    // Calls one API method through the host (logged in once per program) and
-    // returns the host's whole answer ({"success":..., "data"|"error":...}).
-    // Afterwards it checks that the host has given up root again.
+    // Calls one API method through the host (logged in once per program; each
+    // parameter is sent as JSON text) and returns the host's whole answer.
+    // Afterwards it expects the host's effective ids to be the service
+    // user's again, and its real and saved ids root.
     Json::Value Call(const std::string& api, int version, const std::string& method,
                      const Json::Value& params = Json::Value(Json::objectValue));
-    pid_t HostPid() const;
-    // Expects the host's effective ids to be the service user's, and its
-    // real and saved ids root.
-    void ExpectHostIdsDropped() const;
+
+    // Runs `body` with the host's credentials (ScopedServiceUser) and
+    // expects it to leave them as it found them.
+    template <typename Body>
+    static auto AsHost(Body body) {
+        ScopedServiceUser user;
+        auto result = body();
+        EXPECT_EQ(geteuid(), user.Uid()) << "a section left the user raised";
+        EXPECT_EQ(getegid(), user.Gid()) << "a section left the group raised";
+        return result;
+    }
 
     // --- the system log --------------------------------------------------------
 
     // Position in the log now; SetUp takes one (syslogMark_).
     std::uintmax_t SyslogMark() const;
-    std::vector<SyslogLine> SyslogSince(std::uintmax_t mark) const;
-    std::vector<SyslogLine> SyslogSinceSetUp() const { return SyslogSince(syslogMark_); }
-    // The first line since SetUp whose message contains `text`, waiting up to
-    // `limit` for it (messages from other processes arrive asynchronously).
-    std::optional<SyslogLine> WaitForSyslog(const std::string& text,
-                                            Milliseconds limit = Milliseconds(5000)) const;
-    // The first line since SetUp logged by `source` ("utils:..") with exactly
-    // `message`, waiting as WaitForSyslog does.
+    std::vector<SyslogLine> SyslogSinceSetUp() const;
+    // The first line since the mark logged by `source` ("utils:..") with
+    // exactly `message`, waiting up to `limit` for it (messages from other
+    // processes arrive asynchronously).
     std::optional<SyslogLine> WaitForLogged(const std::string& source, const std::string& message,
                                             Milliseconds limit = Milliseconds(5000)) const;
+    // The same line, logged at user.err with its source line.
+    bool LoggedError(const std::string& source, const std::string& message,
+                     Milliseconds limit = Milliseconds(5000)) const;
 
     // --- the control server ------------------------------------------------------
 
@@ -75,33 +104,31 @@ protected:
     void SetControlSite(const Json::Value& site);
     Json::Value ControlRecords();
 
-    // --- files -------------------------------------------------------------------
+    // --- files (and ReadFile, ReadLines, ReadJson of test_json.h) -----------------
 
-    static std::string ReadFile(const std::string& path);
     // Rewrites the file in place (same inode: bind-mounted files stay bound).
     static void WriteFile(const std::string& path, const std::string& content);
-    static Json::Value ReadJson(const std::string& path);
-    static void WriteJson(const std::string& path, const Json::Value& value);
-    static std::vector<std::string> ReadLines(const std::string& path);
-
-    // A file of /usr/orvo/etc/orvorelayd by name ("misc.conf").
-    static std::string RelayConfPath(const std::string& name);
-    static void WriteHostInfo(const std::string& content);  // /etc/orvoinfo.conf
+    static void WriteJson(const std::string& path, const Json::Value& value) {
+        WriteFile(path, value.toStyledString());
+    }
 
     // --- the relay daemon and the services around it -----------------------------
 
     static bool DaemonRunning();
     static std::optional<pid_t> DaemonPid();
-    static std::string DaemonStatus();  // the status file, "" when absent
-    static void WriteDaemonEmulation(const Json::Value& controls);
-    static void WriteAccount(const Json::Value& state);
-    static std::vector<std::string> KivoQueries();
-    static std::vector<std::string> SystemdReloads();
-    static std::vector<std::string> CloudServiceActions();
+    static void WriteDaemonEmulation(const Json::Value& controls) {
+        WriteJson("/usr/orvo/var/lib/orvorelayd/emulation.conf", controls);
+    }
+    static void WriteAccount(const Json::Value& state) {
+        WriteJson(ORVO::Paths::kKivoAccount, state);
+    }
+    static auto KivoQueries() { return ReadLines(ORVO::Paths::kKivoQueryLog); }
+    static auto SystemdReloads() { return ReadLines(ORVO::Paths::kSystemdReloadLog); }
+    static auto CloudServiceActions() { return ReadLines(ORVO::Paths::kCloudServiceLog); }
 
-    // Runs a program of the box and returns its exit status (-1 if it could
-    // not be run or was killed).
-    static int RunProgram(const std::vector<std::string>& argv);
+    // Runs the box's `orvorelayd --farlink <command>` ("on", "off") and
+    // returns its exit status (-1 if it could not be run or was killed).
+    static int Relayd(const std::string& command);
 
     std::uintmax_t syslogMark_ = 0;
 };
@@ -131,24 +158,6 @@ public:
 private:
     std::string path_;
     unsigned mode_ = 0;
-};
-
-// While it lives, this process's effective ids are the box's service user's
-// while its real and saved ids stay root: the credentials the host runs the
-// module with. Leaving it restores root.
-class ScopedServiceUser {
-public:
-    ScopedServiceUser();
-    ~ScopedServiceUser();
-    ScopedServiceUser(const ScopedServiceUser&) = delete;
-    ScopedServiceUser& operator=(const ScopedServiceUser&) = delete;
-
-    uid_t Uid() const { return uid_; }
-    gid_t Gid() const { return gid_; }
-
-private:
-    uid_t uid_ = 0;
-    gid_t gid_ = 0;
 };
 
 // Where the box keeps its run directory; empty outside a box.

@@ -13,8 +13,6 @@
 // single-threaded (before anything starts a thread): a mount namespace
 // entered later applies to the calling thread only. Children started
 // afterwards inherit the private view. Calling it again is a no-op.
-//
-// PrivateSyslog (private_syslog.h) builds on it for /dev/log.
 #pragma once
 
 #include <string>
