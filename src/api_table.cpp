@@ -36,6 +36,7 @@ const ORVO::APITableEntry grgTable[] = {
     {kRegisterSiteApi, 1, "get", GetRegisterSite_v1},
     {kCoreApi, 2, "get", Get_v2},
     {kCoreApi, 2, "set", Set_v2},
+    {kCoreApi, 2, "set_server_alias", SetServerAlias_v2},
     {kCoreApi, 3, "get_misc_config", GetMiscConfig_v3},
     {kCoreApi, 3, "set_misc_config", SetMiscConfig_v3},
     {kCoreApi, 3, "check_availability", CheckAvailability_v3},

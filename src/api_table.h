@@ -57,6 +57,7 @@ FARLINK_EXPORT void GetIP_v1(ORVO::APIRequest* request, ORVO::APIResponse* respo
 FARLINK_EXPORT void GetRegisterSite_v1(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Get_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
+FARLINK_EXPORT void SetServerAlias_v2(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void GetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void SetMiscConfig_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);
 FARLINK_EXPORT void CheckAvailability_v3(ORVO::APIRequest* request, ORVO::APIResponse* response);

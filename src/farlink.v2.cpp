@@ -1,4 +1,5 @@
 // ORVO.Core.Farlink version 2.
+#include <orvo/core.h>
 #include <orvo/kivo.h>
 
 #include <cstring>
@@ -7,6 +8,7 @@
 
 #include "api_table.h"
 #include "handler_common.h"
+#include "server_alias.h"
 #include "utils.h"
 
 namespace {
@@ -108,4 +110,154 @@ void Set_v2(ORVO::APIRequest* request, ORVO::APIResponse* response) {
         return Finish(response, kApiErrFailed);
     }
     Finish(response, kApiSuccess);
+}
+
+// ---- set_server_alias
+
+namespace {
+
+constexpr char kSecondaryControlHost[] = FARLINK_SECONDARY_CONTROL_HOST;
+constexpr char kRelayInfoPrefix[] = "https://relayinfo.";
+constexpr int kPortalDomainSize = 1024;
+
+// What the control server knows the account bound to this server by. The
+// caller no longer sends an account: the account service is the authority.
+struct BoundAccount {
+    std::string id;
+    std::string authKey;
+};
+
+int ReadBoundAccount(BoundAccount& account) {
+    // Zero-filled: whatever the library leaves unwritten reads as empty.
+    const auto record = std::make_unique<_tag_kivo_INFO_>();
+    if (OrvoAccountGet(record.get()) != 0) {
+        const int reason = ORVOKIVOErrGet();
+        FARLINK_LOG("ERR_GET_KIVO_ACCOUNT_FAILED error code = %d", reason);
+        if (reason == KIVO_ERR_NETWORK) return kApiErrNetwork;
+        return reason == KIVO_ERR_NOT_BOUND ? kApiErrAccountKey : kApiErrFailed;
+    }
+    account.id.assign(record->kivoId, strnlen(record->kivoId, sizeof(record->kivoId)));
+    account.authKey.assign(record->authKey, strnlen(record->authKey, sizeof(record->authKey)));
+    if (account.id.empty() || account.authKey.empty()) {
+        FARLINK_LOG("invalid kivo inforamtion, id: %s authkey: %s", account.id.c_str(),
+                    account.authKey.c_str());
+        return kApiErrFailed;
+    }
+    return kApiSuccess;
+}
+
+// Registers when the server has no usable server ID, at the secondary global
+// control server when the primary refuses and fail-over is allowed, and then
+// asks the server that registered it for the register site. A server that
+// already has an ID keeps the register site it has, discovered or not.
+int EnsureServerId(ORVO::Relay::RelaydConf& conf) {
+    if (!NeedsServerId()) return kApiSuccess;
+    ORVO::Relay::RELAYD_RET ret = kRelayRetUnset;
+    if (!RegisterServerId(conf, ret)) {
+        if (!IsFailoverEnable()) {
+            FARLINK_LOG("Register serverid failed, failover to cn is disable");
+            return RelayFailureCode(ret);
+        }
+        FARLINK_LOG("Register failed, try %s", kSecondaryControlHost);
+        // This call's object only: the file learns of the secondary server
+        // through what registration and discovery write, if at all.
+        conf.serverGlobal.SetHost(kSecondaryControlHost);
+        if (!RegisterServerId(conf, ret)) {
+            FARLINK_LOG("Register serverid failed");
+            return RelayFailureCode(ret);
+        }
+    }
+    if (!GetRegisterSite(conf, ret)) {
+        FARLINK_LOG("Get register site failed");
+        return RelayFailureCode(ret);
+    }
+    return kApiSuccess;
+}
+
+// The relay's smart-DNS support, told to the control server. A misc.conf that
+// cannot be read is written afresh with the defaults, whatever the alias
+// request's fate.
+int ReadSmartDnsSupport(Json::Value& supportType) {
+    Json::Value misc;
+    if (!ReadJsonFile(kMiscConfPath, misc)) {
+        ORVO::Relay::MiscConf defaults(kMiscConfPath, false);
+        if (!WriteConfig(&defaults)) {
+            FARLINK_LOG("Failed to write misc config");
+            return kApiErrFailed;
+        }
+        if (!defaults.Write(misc, true)) FARLINK_LOG("Failed to get misc config");
+    }
+    supportType = MemberOrNull(MemberOrNull(misc, "smartdns"), "smartdns_support_type");
+    return kApiSuccess;
+}
+
+// Where the control server points clients for relay information: the portal
+// domain's own site when the configuration names one.
+std::string RelayInfoUrl() {
+    char domain[kPortalDomainSize] = {};
+    if (OLIBRelaydGetPortalDomain(domain, kPortalDomainSize) != 0) {
+        return FARLINK_DEFAULT_RELAYINFO_URL;
+    }
+    return kRelayInfoPrefix + std::string(domain, strnlen(domain, sizeof(domain)));
+}
+
+int SetServerAlias(const ORVO::APIRequest& request) {
+    std::string alias;
+    bool force = false;
+    if (!ReadStringParam(request, "server_alias", alias) ||
+        (request.HasParam("force") && !ReadBoolParam(request, "force", force))) {
+        FARLINK_LOG("Invalid parameter");
+        return kApiErrInvalidParam;
+    }
+    if (!IsValidServerAlias(alias)) {
+        FARLINK_LOG("alias format error: %s", alias.c_str());
+        return kApiErrInvalidParam;
+    }
+
+    ORVO::Relay::RelaydConf conf(kRelaydConfPath);
+    BoundAccount account;
+    int code = ReadBoundAccount(account);
+    if (code == kApiSuccess) code = EnsureServerId(conf);
+    if (code != kApiSuccess) return code;
+    if (!conf.serverAlias.SetAliasName(alias)) {
+        FARLINK_LOG("Alias set error: %s", alias.c_str());
+        return kApiErrFailed;
+    }
+    Json::Value smartDnsSupport;
+    code = ReadSmartDnsSupport(smartDnsSupport);
+    if (code != kApiSuccess) return code;
+
+    Json::Value body(Json::objectValue);
+    conf.DumpDataForAliasReq(body);
+    body["kivo_id"] = account.id;
+    body["auth_key"] = account.authKey;
+    body["force"] = force ? "true" : "false";
+    body["smartdns_support_type"] = smartDnsSupport;
+    body["url"] = RelayInfoUrl();
+
+    const AliasResult result = RequestServerAlias(conf, alias, body);
+    switch (result.stop) {
+        case AliasStop::kSetRequest:
+            FARLINK_LOG("Alias set error: %s", body.toStyledString().c_str());
+            break;
+        case AliasStop::kRefused:
+            FARLINK_LOG("Alias request alias: %s ret: %d error: %s", alias.c_str(),
+                        static_cast<int>(result.outcome), result.outcomeText.c_str());
+            break;
+        case AliasStop::kWriteConfig:
+            FARLINK_LOG("cannot wirte config file");
+            break;
+        case AliasStop::kNotify:
+            FARLINK_LOG("Fail to set notify orvorelayd");
+            break;
+        case AliasStop::kNone:
+            break;
+    }
+    return result.code;
+}
+
+}  // namespace
+
+void SetServerAlias_v2(ORVO::APIRequest* request, ORVO::APIResponse* response) {
+    Finish(response, SetServerAlias(*request));
 }

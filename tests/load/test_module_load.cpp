@@ -46,6 +46,7 @@ TEST_F(ModuleLoad, TableHasTheRowsInOrderAsRawWords) {
         {"ORVO.Core.Farlink.RegisterSite", 1, "get", "GetRegisterSite_v1"},
         {"ORVO.Core.Farlink", 2, "get", "Get_v2"},
         {"ORVO.Core.Farlink", 2, "set", "Set_v2"},
+        {"ORVO.Core.Farlink", 2, "set_server_alias", "SetServerAlias_v2"},
         {"ORVO.Core.Farlink", 3, "get_misc_config", "GetMiscConfig_v3"},
         {"ORVO.Core.Farlink", 3, "set_misc_config", "SetMiscConfig_v3"},
         {"ORVO.Core.Farlink", 3, "check_availability", "CheckAvailability_v3"},
