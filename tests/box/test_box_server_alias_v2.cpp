@@ -1,7 +1,6 @@
 // ORVO.Core.Farlink "set_server_alias" v2 through the box's host: the account
 // from the account service, registration with fail-over, the misc settings
 // and the relay-information URL in the alias request. Runs inside a box.
-#include <json/reader.h>
 #include <orvo/paths.h>
 
 #include <filesystem>
@@ -24,18 +23,13 @@ std::string Beside(const std::string& global, const char* label) {
     return label + global.substr(global.find('.'));
 }
 
-Json::Value Parsed(const std::string& text) {
-    Json::Value value;
-    Json::Reader().parse(text, value);
-    return value;
-}
-
 class ServerAliasV2Test : public BoxTest {
 protected:
     // The API code, 2908 for success; `logged` must follow from farlink.v2.
     int SetAlias(const std::string& logged, const std::string& params = R"({"server_alias":"b"})") {
         syslogMark_ = SyslogMark();
-        const Json::Value answer = Call("ORVO.Core.Farlink", 2, "set_server_alias", Parsed(params));
+        const Json::Value answer =
+            Call("ORVO.Core.Farlink", 2, "set_server_alias", ParseJson(params));
         EXPECT_TRUE(logged.empty() || WaitForLogged("farlink.v2", logged)) << logged;
         return answer["success"] == true ? 2908 : answer["error"]["code"].asInt();
     }
@@ -64,7 +58,7 @@ TEST_F(ServerAliasV2Test, RefusedRequestOrAccountSendsNothing) {
         {R"({"kivo_id":"K-1","auth_key":""})", 2900, "invalid kivo inforamtion, id: K-1 authkey: "},
     };
     for (const auto& [account, code, logged] : accounts) {
-        WriteAccount(Parsed(account));
+        WriteAccount(ParseJson(account));
         EXPECT_EQ(SetAlias(logged), code) << account;
     }
     EXPECT_TRUE(ControlRecords().empty());
@@ -96,8 +90,9 @@ TEST_F(ServerAliasV2Test, RegistrationFailsOverOnlyWhenEnabledAndOnce) {
     Json::Value body;
     for (const auto& c : cases) {
         ResetControlServer();
-        WriteHostInfo(std::string("farlink_enable_failover=") + (c.failover ? "true" : "false"));
-        Json::Value fault = Parsed(R"({"mode":"error"})");
+        WriteFile(ORVO::Paths::kHostInfo,
+                  std::string("farlink_enable_failover=") + (c.failover ? "true" : "false"));
+        Json::Value fault = ParseJson(R"({"mode":"error"})");
         fault["command"] = c.failing.substr(0, c.failing.find('@'));
         fault["host"] = c.failing.substr(c.failing.find('@') + 1);
         fault["errno"] = c.error;
@@ -115,7 +110,7 @@ TEST_F(ServerAliasV2Test, GrantedAliasCarriesTheBoundAccountAndIsRecorded) {
     ASSERT_EQ(SetAlias("", R"({"server_alias":"b","kivo_account":"x@y.test","kivo_password":"p"})"),
               2908);
     const Json::Value account = ReadJson(ORVO::Paths::kKivoAccount);
-    Json::Value body, expected = Parsed(R"({"version":1,"command":"set_alias",
+    Json::Value body, expected = ParseJson(R"({"version":1,"command":"set_alias",
         "command_version":1,"alias":"b","force":"false","smartdns_support_type":1})");
     Sent(body);
     expected["serverID"] = ReadJson(kConf)["server_id"];
@@ -126,7 +121,7 @@ TEST_F(ServerAliasV2Test, GrantedAliasCarriesTheBoundAccountAndIsRecorded) {
 
     // A daemon with a server ID: no registration, no discovery. Without a
     // portal domain the default URL is sent; a present misc.conf is only read.
-    ASSERT_EQ(RunProgram({ORVO::Paths::kRelaydProgram, "--farlink", "on"}), 0);
+    ASSERT_EQ(Relayd("on"), 0);
     Json::Value conf = ReadJson(kConf);
     conf["server_control"].removeMember("portal_domain");
     WriteJson(kConf, conf);
