@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <string>
-#include <cstring>
 #include <vector>
 
 #include "api_table.h"

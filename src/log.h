@@ -7,8 +7,7 @@
 
 // Ordinary lines, informational ones included, go out at error priority with
 // the default facility: the box's log filters keep nothing below it.
-#define FARLINK_LOG(fmt, ...) \
-    syslog(LOG_ERR, "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)
+#define FARLINK_LOG(fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)
 
 // Lines of the privileged section carry the caller's source and line, so
 // they take them as arguments instead of from the logging file.

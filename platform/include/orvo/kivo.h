@@ -23,9 +23,9 @@ static_assert(offsetof(_tag_kivo_INFO_, refreshFlag) == 20224, "account record l
 // Error codes of the account library (ORVOKIVOErrGet).
 constexpr int KIVO_ERR_NONE = 0;
 constexpr int KIVO_ERR_INTERNAL = 1;
-constexpr int KIVO_ERR_STATE = 2;        // the account state file cannot be read
-constexpr int KIVO_ERR_NOT_BOUND = 3;    // no account is bound to the box
-constexpr int KIVO_ERR_NETWORK = 4;      // the account service cannot be reached
+constexpr int KIVO_ERR_STATE = 2;      // the account state file cannot be read
+constexpr int KIVO_ERR_NOT_BOUND = 3;  // no account is bound to the box
+constexpr int KIVO_ERR_NETWORK = 4;    // the account service cannot be reached
 
 // Fills `info` from the account state; 0 on success.
 int ORVOKIVOAccountGet(_tag_kivo_INFO_* info);

@@ -28,9 +28,9 @@ enum RELAYD_RET : int {
     RELAYD_ERR_TIMEOUT = 11,         // the exchange took longer than allowed
     RELAYD_ERR_TLS = 12,             // certificate or handshake failure
     RELAYD_ERR_SERVER_INTERNAL = 13,
-    RELAYD_ERR_UNSUPPORTED = 14,     // command or version unknown to the server
+    RELAYD_ERR_UNSUPPORTED = 14,  // command or version unknown to the server
     RELAYD_ERR_APIKEY_EXPIRED = 15,
-    RELAYD_ERR_VIOLATION = 30,       // the account or box violated the service policy
+    RELAYD_ERR_VIOLATION = 30,  // the account or box violated the service policy
     RELAYD_RET_UNSET = 255,
 };
 
@@ -38,13 +38,13 @@ enum RELAYD_RET : int {
 enum ALIAS_RET : int {
     ALIAS_OK = 1,
     ALIAS_ERR_UNKNOWN = 2,
-    ALIAS_ERR_TAKEN = 3,             // another box holds the alias
-    ALIAS_ERR_RESERVED = 4,          // the alias is reserved by the service
+    ALIAS_ERR_TAKEN = 3,     // another box holds the alias
+    ALIAS_ERR_RESERVED = 4,  // the alias is reserved by the service
     ALIAS_ERR_PARAM = 5,
     ALIAS_ERR_RESOLVE = 6,
     ALIAS_ERR_NETWORK = 7,
-    ALIAS_ERR_AUTH = 8,              // account or password refused
-    ALIAS_ERR_ACCOUNT_LIMIT = 9,     // the account holds too many aliases
+    ALIAS_ERR_AUTH = 8,           // account or password refused
+    ALIAS_ERR_ACCOUNT_LIMIT = 9,  // the account holds too many aliases
     ALIAS_ERR_NOT_REGISTERED = 10,
     ALIAS_ERR_INTERNAL = 11,
     ALIAS_ERR_ACCOUNT_UNVERIFIED = 12,
