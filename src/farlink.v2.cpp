@@ -236,23 +236,7 @@ int SetServerAlias(const ORVO::APIRequest& request) {
     body["url"] = RelayInfoUrl();
 
     const AliasResult result = RequestServerAlias(conf, alias, body);
-    switch (result.stop) {
-        case AliasStop::kSetRequest:
-            FARLINK_LOG("Alias set error: %s", body.toStyledString().c_str());
-            break;
-        case AliasStop::kRefused:
-            FARLINK_LOG("Alias request alias: %s ret: %d error: %s", alias.c_str(),
-                        static_cast<int>(result.outcome), result.outcomeText.c_str());
-            break;
-        case AliasStop::kWriteConfig:
-            FARLINK_LOG("cannot wirte config file");
-            break;
-        case AliasStop::kNotify:
-            FARLINK_LOG("Fail to set notify orvorelayd");
-            break;
-        case AliasStop::kNone:
-            break;
-    }
+    LogAliasStop(kLogSource, __LINE__, result, alias, body);
     return result.code;
 }
 

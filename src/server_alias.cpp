@@ -1,6 +1,7 @@
 #include "server_alias.h"
 
 #include "api_table.h"
+#include "log.h"
 #include "posix_pattern.h"
 #include "utils.h"
 
@@ -61,4 +62,27 @@ AliasResult RequestServerAlias(ORVO::Relay::RelaydConf& conf, const std::string&
         result.stop = AliasStop::kNotify;
     }
     return result;
+}
+
+void LogAliasStop(const char* source, int line, const AliasResult& result, const std::string& alias,
+                  const Json::Value& body) {
+    switch (result.stop) {
+        case AliasStop::kSetRequest:
+            FARLINK_LOG_AT(LOG_ERR, source, line, "Alias set error: %s",
+                           body.toStyledString().c_str());
+            break;
+        case AliasStop::kRefused:
+            FARLINK_LOG_AT(LOG_ERR, source, line, "Alias request alias: %s ret: %d error: %s",
+                           alias.c_str(), static_cast<int>(result.outcome),
+                           result.outcomeText.c_str());
+            break;
+        case AliasStop::kWriteConfig:
+            FARLINK_LOG_AT(LOG_ERR, source, line, "cannot wirte config file");
+            break;
+        case AliasStop::kNotify:
+            FARLINK_LOG_AT(LOG_ERR, source, line, "Fail to set notify orvorelayd");
+            break;
+        case AliasStop::kNone:
+            break;
+    }
 }

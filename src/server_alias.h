@@ -1,6 +1,7 @@
-// What both versions of set_server_alias do alike. Nothing here logs lines of
-// its own: each version writes them under its own source name, so these
-// helpers say where they stopped and the handler logs it.
+// What both versions of set_server_alias do alike. Nothing here logs under a
+// source name of its own: each version's lines carry its own source, so these
+// helpers say where they stopped and the handler logs it, or has it logged
+// at its own line.
 #pragma once
 
 #include <json/value.h>
@@ -41,3 +42,8 @@ struct AliasResult {
 // fails.
 AliasResult RequestServerAlias(ORVO::Relay::RelaydConf& conf, const std::string& alias,
                                const Json::Value& body);
+
+// Logs where RequestServerAlias stopped under the calling handler's source
+// and line, so that each version's lines stay its own.
+void LogAliasStop(const char* source, int line, const AliasResult& result, const std::string& alias,
+                  const Json::Value& body);
