@@ -103,16 +103,7 @@ void Get_v1(ORVO::APIRequest* /*request*/, ORVO::APIResponse* response) {
 }
 
 void Set_v1(ORVO::APIRequest* request, ORVO::APIResponse* response) {
-    bool enabled = false;
-    if (!ReadBoolParam(*request, "enabled", enabled)) {
-        FARLINK_LOG("Invalid parameter");
-        return Finish(response, kApiErrInvalidParam);
-    }
-    if (SwitchRelay(enabled) != 0) {
-        FARLINK_LOG("Fail to notify orvorelayd");
-        return Finish(response, kApiErrFailed);
-    }
-    Finish(response, kApiSuccess);
+    Finish(response, SetRelayEnabled(*request, kLogSource, __LINE__));
 }
 
 // ---- set_server_alias

@@ -100,3 +100,16 @@ int ReportRelaySettings(const char* source, int line, const RelaySettings& setti
     body["enabled"] = enabled;
     return kApiSuccess;
 }
+
+int SetRelayEnabled(const ORVO::APIRequest& request, const char* source, int line) {
+    bool enabled = false;
+    if (!ReadBoolParam(request, "enabled", enabled)) {
+        FARLINK_LOG_AT(LOG_ERR, source, line, "Invalid parameter");
+        return kApiErrInvalidParam;
+    }
+    if (SwitchRelay(enabled) != 0) {
+        FARLINK_LOG_AT(LOG_ERR, source, line, "Fail to notify orvorelayd");
+        return kApiErrFailed;
+    }
+    return kApiSuccess;
+}

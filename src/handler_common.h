@@ -64,3 +64,8 @@ SettingsStep LoadRelaySettings(RelaySettings& settings);
 // cannot be read.
 int ReportRelaySettings(const char* source, int line, const RelaySettings& settings,
                         const std::string& account, Json::Value& body);
+
+// The "set" method of versions 1 and 2: starts or stops the relay daemon as
+// the parameter "enabled" says. Its lines are logged under the calling
+// handler's source and line.
+int SetRelayEnabled(const ORVO::APIRequest& request, const char* source, int line);
