@@ -171,12 +171,9 @@ int SetServerAlias(const ORVO::APIRequest& request) {
         FARLINK_LOG("Alias set error: %s", alias.c_str());
         return kApiErrFailed;
     }
-    Json::Value body(Json::objectValue);
-    conf.DumpDataForAliasReq(body);
+    Json::Value body = AliasRequestBody(conf, force);
     body["kivo_account"] = account;
     body["kivo_password"] = digest;
-    // A string, not a JSON boolean: the control server compares the text.
-    body["force"] = force ? "true" : "false";
 
     const AliasResult result = RequestServerAlias(conf, alias, body);
     LogAliasStop(kLogSource, __LINE__, result, alias, body);

@@ -218,11 +218,9 @@ int SetServerAlias(const ORVO::APIRequest& request) {
     code = ReadSmartDnsSupport(smartDnsSupport);
     if (code != kApiSuccess) return code;
 
-    Json::Value body(Json::objectValue);
-    conf.DumpDataForAliasReq(body);
+    Json::Value body = AliasRequestBody(conf, force);
     body["kivo_id"] = account.id;
     body["auth_key"] = account.authKey;
-    body["force"] = force ? "true" : "false";
     body["smartdns_support_type"] = smartDnsSupport;
     body["url"] = RelayInfoUrl();
 

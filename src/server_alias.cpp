@@ -32,6 +32,14 @@ int RelayFailureCode(ORVO::Relay::RELAYD_RET ret) {
     return code == kApiSuccess ? kApiErrFailed : code;
 }
 
+Json::Value AliasRequestBody(const ORVO::Relay::RelaydConf& conf, bool force) {
+    Json::Value body(Json::objectValue);
+    conf.DumpDataForAliasReq(body);
+    // A string, not a JSON boolean: the control server compares the text.
+    body["force"] = force ? "true" : "false";
+    return body;
+}
+
 AliasResult RequestServerAlias(ORVO::Relay::RelaydConf& conf, const std::string& alias,
                                const Json::Value& body) {
     AliasResult result{kApiErrFailed, AliasStop::kNone, kAliasRetUnset, std::string()};

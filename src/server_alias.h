@@ -21,6 +21,10 @@ bool NeedsServerId();
 // "serverID"), and the success code is never an error answer.
 int RelayFailureCode(ORVO::Relay::RELAYD_RET ret);
 
+// The part of the alias request's body both versions send: the relay
+// configuration's data for it and `force`.
+Json::Value AliasRequestBody(const ORVO::Relay::RelaydConf& conf, bool force);
+
 enum class AliasStop {
     kNone,        // granted and recorded
     kSetRequest,  // the body was refused before sending
