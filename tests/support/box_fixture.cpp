@@ -1,4 +1,5 @@
 #include "box_fixture.h"
+#include "test_processes.h"
 
 #include <json/writer.h>
 #include <orvo/paths.h>
@@ -83,13 +84,22 @@ std::vector<long> ProcessIds(pid_t pid, const std::string& key) {
     return ids;
 }
 
+// The workers keep root only as their real and saved ids; the front has
+// none left.
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
     const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
     const long uid = user->pw_uid, gid = user->pw_gid;
-    EXPECT_EQ(ProcessIds(host, "Uid:"), (std::vector<long>{0, uid, 0})) << "host " << host;
-    EXPECT_EQ(ProcessIds(host, "Gid:"), (std::vector<long>{0, gid, 0})) << "host " << host;
+    const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
+    EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
+    for (pid_t worker : workers) {
+        EXPECT_EQ(ProcessIds(worker, "Uid:"), (std::vector<long>{0, uid, 0})) << "worker " << worker;
+        EXPECT_EQ(ProcessIds(worker, "Gid:"), (std::vector<long>{0, gid, 0})) << "worker " << worker;
+    }
+    for (pid_t front : ChildrenNamed(host, "farlink-front")) {
+        EXPECT_EQ(ProcessIds(front, "Uid:"), (std::vector<long>{uid, uid, uid})) << "front " << front;
+    }
 }
 
 // <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
