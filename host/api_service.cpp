@@ -2,7 +2,11 @@
 
 #include <openssl/crypto.h>
 
+#include <json/writer.h>
+
 #include <limits>
+#include <memory>
+#include <sstream>
 
 namespace farlink::host {
 
@@ -62,6 +66,18 @@ ApiReply ReplyFromAnswer(const ORVO::APIResponse& response) {
 }
 
 }  // namespace
+
+std::string EnvelopeText(const Json::Value& envelope) {
+    // One writer per process: building one costs more than most envelopes.
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(envelope, &text);
+    return text.str();
+}
 
 ApiReply ApiService::Failure(HostError error) { return ErrorReply(CodeOf(error)); }
 
@@ -123,6 +139,7 @@ ApiReply RunHandler(ORVO::APIHandler handler, const HandlerCall& call) {
 
     ApiReply reply = ReplyFromAnswer(apiResponse);
     reply.call = call.Label();
+    reply.body = EnvelopeText(reply.envelope);
     return reply;
 }
 

@@ -19,11 +19,15 @@ namespace farlink::host {
 
 struct ApiReply {
     Json::Value envelope;
+    std::string body;        // the envelope as sent, when a worker made it
     std::string call = "-";  // "api/version/method", for the access log
     std::string result;      // "ok" or "error=N"
     int answers = 0;         // how often the handler answered
     std::string newSession;  // set by a successful login
 };
+
+// The envelope as the HTTP body carries it: compact JSON.
+std::string EnvelopeText(const Json::Value& envelope);
 
 // A request that has passed every check the front makes: what a worker runs.
 struct HandlerCall {

@@ -6,17 +6,31 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <memory>
+#include <sstream>
 
 namespace farlink::host {
 
 namespace {
 
 std::string Serialize(const Json::Value& message) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;  // bytes pass as they are, valid UTF-8 or not
-    return Json::writeString(builder, message);
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        builder["emitUTF8"] = true;  // bytes pass as they are, valid UTF-8 or not
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(message, &text);
+    return text.str();
+}
+
+std::string FrameHeader(std::size_t size) {
+    std::string header;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        header.push_back(static_cast<char>(static_cast<std::uint32_t>(size) >> shift));
+    return header;
 }
 
 bool ReadExactly(int fd, char* data, std::size_t size) {
@@ -38,12 +52,7 @@ bool IsUInt32(const Json::Value& value) {
 
 std::string EncodeFrame(const Json::Value& message) {
     const std::string payload = Serialize(message);
-    const auto size = static_cast<std::uint32_t>(payload.size());
-    std::string frame;
-    frame.reserve(kFrameHeaderSize + payload.size());
-    for (int shift = 24; shift >= 0; shift -= 8) frame.push_back(static_cast<char>(size >> shift));
-    frame += payload;
-    return frame;
+    return FrameHeader(payload.size()) + payload;
 }
 
 std::uint32_t FrameLength(const unsigned char header[kFrameHeaderSize]) {
@@ -52,8 +61,7 @@ std::uint32_t FrameLength(const unsigned char header[kFrameHeaderSize]) {
 }
 
 std::optional<Json::Value> ParseMessage(const char* data, std::size_t size) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    static const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     Json::Value message;
     std::string errors;
     if (!reader->parse(data, data + size, &message, &errors) || !message.isObject()) {
@@ -70,6 +78,33 @@ std::optional<Json::Value> ReadMessage(int fd) {
     std::string payload(size, '\0');
     if (!ReadExactly(fd, payload.data(), size)) return std::nullopt;
     return ParseMessage(payload.data(), payload.size());
+}
+
+bool MessageReader::Fill(std::size_t wanted) {
+    buffer_.erase(0, used_);
+    used_ = 0;
+    while (buffer_.size() < wanted) {
+        char chunk[64 * 1024];
+        const ssize_t got = ::read(fd_, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        buffer_.append(chunk, static_cast<std::size_t>(got));
+    }
+    return true;
+}
+
+std::optional<Json::Value> MessageReader::Next() {
+    if (buffer_.size() - used_ < kFrameHeaderSize && !Fill(kFrameHeaderSize)) return std::nullopt;
+    const std::uint32_t size =
+        FrameLength(reinterpret_cast<const unsigned char*>(buffer_.data() + used_));
+    if (size > kMaxFrameSize) return std::nullopt;
+    if (buffer_.size() - used_ - kFrameHeaderSize < size && !Fill(kFrameHeaderSize + size)) {
+        return std::nullopt;
+    }
+    std::optional<Json::Value> message =
+        ParseMessage(buffer_.data() + used_ + kFrameHeaderSize, size);
+    used_ += kFrameHeaderSize + size;
+    return message;
 }
 
 bool WriteMessage(int fd, const Json::Value& message) {
@@ -134,28 +169,32 @@ std::optional<HandlerCall> ParseCall(const Json::Value& message) {
                        message["method"].asString(), message["params"]};
 }
 
-Json::Value AnswerMessage(const WorkerAnswer& answer) {
-    Json::Value message(Json::objectValue);
-    message["envelope"] = answer.reply.envelope;
-    message["call"] = answer.reply.call;
-    message["result"] = answer.reply.result;
-    message["answers"] = answer.reply.answers;
-    message["ids"] = answer.ids;
-    return message;
+std::string AnswerFrame(const WorkerAnswer& answer) {
+    Json::Value meta(Json::objectValue);
+    meta["call"] = answer.reply.call;
+    meta["result"] = answer.reply.result;
+    meta["answers"] = answer.reply.answers;
+    meta["ids"] = answer.ids;
+    // Compact JSON escapes every newline, so the first one ends the meta.
+    const std::string payload = Serialize(meta) + "\n" + answer.reply.body;
+    return FrameHeader(payload.size()) + payload;
 }
 
-std::optional<WorkerAnswer> ParseAnswer(const Json::Value& message) {
-    if (!message["envelope"].isObject() || !message["call"].isString() ||
-        !message["result"].isString() || !message["answers"].isInt() ||
-        !message["ids"].isString()) {
+std::optional<WorkerAnswer> ParseAnswer(const char* payload, std::size_t size) {
+    const char* end = payload + size;
+    const char* newline = std::find(payload, end, '\n');
+    if (newline == end) return std::nullopt;
+    std::optional<Json::Value> meta = ParseMessage(payload, static_cast<std::size_t>(newline - payload));
+    if (!meta || !(*meta)["call"].isString() || !(*meta)["result"].isString() ||
+        !(*meta)["answers"].isInt() || !(*meta)["ids"].isString()) {
         return std::nullopt;
     }
     WorkerAnswer answer;
-    answer.reply.envelope = message["envelope"];
-    answer.reply.call = message["call"].asString();
-    answer.reply.result = message["result"].asString();
-    answer.reply.answers = message["answers"].asInt();
-    answer.ids = message["ids"].asString();
+    answer.reply.call = (*meta)["call"].asString();
+    answer.reply.result = (*meta)["result"].asString();
+    answer.reply.answers = (*meta)["answers"].asInt();
+    answer.reply.body.assign(newline + 1, end);
+    answer.ids = (*meta)["ids"].asString();
     return answer;
 }
 

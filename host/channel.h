@@ -5,7 +5,9 @@
 //   worker -> front, once, when it is ready:  {"rows":[[api,version,method],...]}
 //                              or it failed:  {"error":"reason"}
 //   front -> worker, a request:               {"api":..,"version":..,"method":..,"params":{..}}
-//   worker -> front, its answer:              {"envelope":{..},"result":"ok","answers":1,"ids":"ids-ok"}
+//   worker -> front, its answer:              {"call":..,"result":"ok","answers":1,"ids":"ids-ok"}
+//                                             then a newline and the envelope as the HTTP body
+//                                             carries it, so that the front passes it on as is
 #pragma once
 
 #include <json/value.h>
@@ -31,9 +33,24 @@ std::uint32_t FrameLength(const unsigned char header[kFrameHeaderSize]);
 // The message in a frame's payload; nullopt when it is not one JSON object.
 std::optional<Json::Value> ParseMessage(const char* data, std::size_t size);
 
-// Blocking, for the worker and for the supervisor's wait on a new worker:
-// nullopt on end of file, an error or a malformed frame.
+// Blocking, for the supervisor's wait on a new worker: nullopt on end of
+// file, an error or a malformed frame.
 std::optional<Json::Value> ReadMessage(int fd);
+
+// The same for a worker's stream of requests, reading ahead so that a
+// request usually costs one read.
+class MessageReader {
+public:
+    explicit MessageReader(int fd) : fd_(fd) {}
+    std::optional<Json::Value> Next();
+
+private:
+    bool Fill(std::size_t wanted);
+
+    int fd_;
+    std::string buffer_;
+    std::size_t used_ = 0;
+};
 bool WriteMessage(int fd, const Json::Value& message);
 
 Json::Value HelloMessage(const std::vector<RowName>& rows);
@@ -45,10 +62,10 @@ Json::Value CallMessage(const HandlerCall& call);
 std::optional<HandlerCall> ParseCall(const Json::Value& message);
 
 struct WorkerAnswer {
-    ApiReply reply;
+    ApiReply reply;   // its body set; the envelope is not sent
     std::string ids;  // "ids-ok" or "ids-restored"
 };
-Json::Value AnswerMessage(const WorkerAnswer& answer);
-std::optional<WorkerAnswer> ParseAnswer(const Json::Value& message);
+std::string AnswerFrame(const WorkerAnswer& answer);
+std::optional<WorkerAnswer> ParseAnswer(const char* payload, std::size_t size);
 
 }  // namespace farlink::host

@@ -1,16 +1,18 @@
 #include "front.h"
 
 #include <event2/buffer.h>
-#include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/keyvalq_struct.h>
+#include <farlink/file_io.h>
 #include <farlink/http_method.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -39,13 +41,9 @@ struct EvhttpDeleter {
 struct EventDeleter {
     void operator()(event* ev) const { event_free(ev); }
 };
-struct BuffereventDeleter {
-    void operator()(bufferevent* bev) const { bufferevent_free(bev); }
-};
 using EventBasePtr = std::unique_ptr<event_base, EventBaseDeleter>;
 using EvhttpPtr = std::unique_ptr<evhttp, EvhttpDeleter>;
 using EventPtr = std::unique_ptr<event, EventDeleter>;
-using BuffereventPtr = std::unique_ptr<bufferevent, BuffereventDeleter>;
 
 // Requests in flight get this long to finish once the front is told to stop.
 constexpr std::chrono::seconds kShutdownGrace{10};
@@ -178,14 +176,18 @@ private:
         Worker* worker = nullptr;  // null while queued
     };
 
+    // Frames to a worker are written whole with blocking writes: the worker
+    // is idle and reading when it is sent one, so the write cannot stall.
     struct Worker {
         Front* front = nullptr;
         std::uint32_t id = 0;
         pid_t pid = 0;
-        BuffereventPtr channel;
+        UniqueFd channel;
+        std::string input;  // what it sent that is not yet a whole frame
+        EventPtr readable;
         EventPtr deadline;
         Pending* running = nullptr;
-        bool killed = false;  // overran its time; the supervisor is killing it
+        bool killed = false;  // overran its time or ended: it takes no more work
     };
 
     [[noreturn]] static void Fail(const char* what) {
@@ -304,14 +306,12 @@ private:
         worker->front = this;
         worker->id = link.id;
         worker->pid = link.pid;
-        worker->channel.reset(
-            bufferevent_socket_new(base_.get(), link.channel.Get(), BEV_OPT_CLOSE_ON_FREE));
+        worker->channel = std::move(link.channel);
+        worker->readable.reset(event_new(base_.get(), worker->channel.Get(), EV_READ | EV_PERSIST,
+                                         &Front::OnWorkerReadable, worker.get()));
         worker->deadline.reset(evtimer_new(base_.get(), &Front::OnDeadline, worker.get()));
-        if (!worker->channel || !worker->deadline) Fail("cannot watch a worker");
-        link.channel.Release();
-        bufferevent_setcb(worker->channel.get(), &Front::OnWorkerReadable, nullptr,
-                          &Front::OnWorkerEvent, worker.get());
-        bufferevent_enable(worker->channel.get(), EV_READ | EV_WRITE);
+        if (!worker->readable || !worker->deadline) Fail("cannot watch a worker");
+        event_add(worker->readable.get(), nullptr);
         workers_[link.id] = std::move(worker);
         Pump();
     }
@@ -343,7 +343,8 @@ private:
         worker.running = &pending;
         pending.worker = &worker;
         if (pending.exclusive) exclusiveRunning_ = true;
-        bufferevent_write(worker.channel.get(), pending.frame.data(), pending.frame.size());
+        // A worker that died meanwhile is reported by the supervisor.
+        (void)WriteAll(worker.channel.Get(), pending.frame.data(), pending.frame.size());
         pending.frame.clear();
         pending.frame.shrink_to_fit();
         const timeval limit = ToTimeval(options_.handlerTimeout);
@@ -360,40 +361,54 @@ private:
         Forget(*pending);
     }
 
-    static void OnWorkerReadable(bufferevent* channel, void* context) {
+    static void OnWorkerReadable(evutil_socket_t, short, void* context) {
         auto& worker = *static_cast<Worker*>(context);
-        worker.front->ReadAnswers(worker, bufferevent_get_input(channel));
+        worker.front->ReadAnswers(worker);
     }
 
-    void ReadAnswers(Worker& worker, evbuffer* input) {
+    // Takes what the worker has sent; at its end of file the supervisor's
+    // notice of its end finishes the work.
+    void ReadAnswers(Worker& worker) {
+        char buffer[64 * 1024];
         for (;;) {
-            unsigned char header[kFrameHeaderSize];
-            if (evbuffer_copyout(input, header, sizeof header) != sizeof header) return;
+            const ssize_t got = recv(worker.channel.Get(), buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got > 0) {
+                worker.input.append(buffer, static_cast<std::size_t>(got));
+                // Less than asked for: nothing more is waiting now, and the
+                // event fires again if more comes.
+                if (static_cast<std::size_t>(got) < sizeof buffer) break;
+                continue;
+            }
+            if (got < 0 && errno == EINTR) continue;
+            if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+                event_del(worker.readable.get());
+            }
+            break;
+        }
+        TakeAnswers(worker);
+    }
+
+    void TakeAnswers(Worker& worker) {
+        std::size_t used = 0;
+        while (worker.input.size() - used >= kFrameHeaderSize) {
+            const auto* header = reinterpret_cast<const unsigned char*>(worker.input.data() + used);
             const std::uint32_t size = FrameLength(header);
-            if (evbuffer_get_length(input) < kFrameHeaderSize + size) return;
-            evbuffer_drain(input, kFrameHeaderSize);
-            std::string payload(size, '\0');
-            evbuffer_remove(input, payload.data(), size);
-            std::optional<Json::Value> message = ParseMessage(payload.data(), payload.size());
+            if (worker.input.size() - used - kFrameHeaderSize < size) break;
             std::optional<WorkerAnswer> answer =
-                message ? ParseAnswer(*message) : std::optional<WorkerAnswer>();
+                ParseAnswer(worker.input.data() + used + kFrameHeaderSize, size);
+            used += kFrameHeaderSize + size;
             if (!answer || worker.running == nullptr) {
                 std::fprintf(stderr, "farlink-host: worker %d sent an unexpected message\n",
                              static_cast<int>(worker.pid));
+                worker.input.clear();
                 Kill(worker);
                 return;
             }
-            Pending& pending = *worker.running;
-            Answer(pending, Router::Answer{200, std::move(answer->reply)}, answer->ids);
+            Answer(*worker.running, Router::Answer{200, std::move(answer->reply)}, answer->ids);
             Release(worker);
-            Pump();
         }
-    }
-
-    // End of file or an error on a channel: the worker is gone or going; the
-    // supervisor's notice of its end finishes the work.
-    static void OnWorkerEvent(bufferevent* channel, short, void*) {
-        bufferevent_disable(channel, EV_READ | EV_WRITE);
+        worker.input.erase(0, used);
+        Pump();
     }
 
     static void OnDeadline(evutil_socket_t, short, void* context) {
@@ -421,8 +436,9 @@ private:
         auto found = workers_.find(id);
         if (found == workers_.end()) return;
         Worker& worker = *found->second;
+        worker.killed = true;  // no new work for it
         // What it wrote before it ended is still to be read.
-        ReadAnswers(worker, bufferevent_get_input(worker.channel.get()));
+        ReadAnswers(worker);
         if (worker.running != nullptr) {
             std::fprintf(stderr, "farlink-host: worker %d ended (%s) during %s\n",
                          static_cast<int>(worker.pid), DescribeEnd(status).c_str(),

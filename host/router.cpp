@@ -13,12 +13,6 @@ constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
 constexpr int kPayloadTooLarge = 413;
 
-std::string Serialize(const Json::Value& envelope) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, envelope);
-}
-
 std::string Trim(const std::string& text) {
     std::size_t begin = text.find_first_not_of(" \t");
     if (begin == std::string::npos) return "";
@@ -79,7 +73,7 @@ HttpReply Router::Finish(const HttpExchange& exchange, const Answer& answer, con
                          std::chrono::steady_clock::time_point started) const {
     HttpReply reply;
     reply.status = answer.status;
-    reply.body = Serialize(answer.api.envelope);
+    reply.body = answer.api.body.empty() ? EnvelopeText(answer.api.envelope) : answer.api.body;
     reply.headers.emplace_back("Content-Type", "application/json; charset=utf-8");
     if (!answer.api.newSession.empty()) {
         reply.headers.emplace_back("Set-Cookie", std::string(kSessionCookie) + "=" +

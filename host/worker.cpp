@@ -8,6 +8,8 @@
 #include <exception>
 #include <optional>
 
+#include <farlink/file_io.h>
+
 #include "channel.h"
 #include "module_loader.h"
 
@@ -55,6 +57,7 @@ WorkerAnswer Answer(const LoadedModule& module, const ServiceIds& ids, const Jso
         answer.reply = RunSafely(lookup.handler, *call);
     }
     answer.ids = LogToken(CheckEffectiveIds(ids));
+    if (answer.reply.body.empty()) answer.reply.body = EnvelopeText(answer.reply.envelope);
     return answer;
 }
 
@@ -80,8 +83,10 @@ void RunWorker(const std::string& modulePath, const ServiceIds& ids, int channel
     }
     if (!WriteMessage(channel, HelloMessage(module->Table().Names()))) Exit(EXIT_FAILURE);
 
-    while (std::optional<Json::Value> message = ReadMessage(channel)) {
-        if (!WriteMessage(channel, AnswerMessage(Answer(*module, ids, *message)))) break;
+    MessageReader requests(channel);
+    while (std::optional<Json::Value> message = requests.Next()) {
+        const std::string frame = AnswerFrame(Answer(*module, ids, *message));
+        if (!WriteAll(channel, frame.data(), frame.size())) break;
     }
     Exit(EXIT_SUCCESS);
 }
