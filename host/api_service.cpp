@@ -1,8 +1,7 @@
 #include "api_service.h"
 
-#include <openssl/crypto.h>
-
 #include <json/writer.h>
+#include <openssl/crypto.h>
 
 #include <limits>
 #include <memory>
@@ -132,8 +131,7 @@ std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& reque
 ApiReply RunHandler(ORVO::APIHandler handler, const HandlerCall& call) {
     // The request object holds the version as an int; a table version above
     // INT_MAX reaches its handler wrapped.
-    ORVO::APIRequest apiRequest(call.api, static_cast<int>(call.version), call.method,
-                                call.params);
+    ORVO::APIRequest apiRequest(call.api, static_cast<int>(call.version), call.method, call.params);
     ORVO::APIResponse apiResponse;
     handler(&apiRequest, &apiResponse);
 

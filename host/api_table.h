@@ -30,7 +30,7 @@ class ApiTable {
 public:
     struct Lookup {
         bool found = false;
-        ORVO::APIHandler handler = nullptr;  // null in a table built from names
+        ORVO::APIHandler handler = nullptr;     // null in a table built from names
         HostError error = HostError::kUnknown;  // why nothing was found
     };
 
@@ -48,7 +48,7 @@ private:
     void Insert(RowName row, ORVO::APIHandler handler);
     void Add(std::size_t index, const ORVO::APITableEntry& row);
 
-    std::vector<RowName> names_;                                   // in table order
+    std::vector<RowName> names_;                                  // in table order
     std::unordered_map<std::string, ORVO::APIHandler> handlers_;  // api/version/method
     std::unordered_set<std::string> apiVersions_;                 // api/version
     std::unordered_set<std::string> apis_;

@@ -5,8 +5,8 @@
 #include <json/writer.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <sstream>
 
@@ -44,9 +44,7 @@ bool ReadExactly(int fd, char* data, std::size_t size) {
     return true;
 }
 
-bool IsUInt32(const Json::Value& value) {
-    return value.isUInt() && value.asUInt() >= 1;
-}
+bool IsUInt32(const Json::Value& value) { return value.isUInt() && value.asUInt() >= 1; }
 
 }  // namespace
 
@@ -56,12 +54,14 @@ std::string EncodeFrame(const Json::Value& message) {
 }
 
 std::uint32_t FrameLength(const unsigned char header[kFrameHeaderSize]) {
-    return static_cast<std::uint32_t>(header[0]) << 24 | static_cast<std::uint32_t>(header[1]) << 16 |
+    return static_cast<std::uint32_t>(header[0]) << 24 |
+           static_cast<std::uint32_t>(header[1]) << 16 |
            static_cast<std::uint32_t>(header[2]) << 8 | header[3];
 }
 
 std::optional<Json::Value> ParseMessage(const char* data, std::size_t size) {
-    static const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    static const std::unique_ptr<Json::CharReader> reader(
+        Json::CharReaderBuilder().newCharReader());
     Json::Value message;
     std::string errors;
     if (!reader->parse(data, data + size, &message, &errors) || !message.isObject()) {
@@ -141,8 +141,8 @@ std::optional<std::vector<RowName>> ParseHello(const Json::Value& hello, std::st
     if (!list.isArray() || list.empty()) return std::nullopt;
     std::vector<RowName> rows;
     for (const Json::Value& entry : list) {
-        if (!entry.isArray() || entry.size() != 3 || !entry[0].isString() ||
-            !IsUInt32(entry[1]) || !entry[2].isString()) {
+        if (!entry.isArray() || entry.size() != 3 || !entry[0].isString() || !IsUInt32(entry[1]) ||
+            !entry[2].isString()) {
             return std::nullopt;
         }
         rows.push_back({entry[0].asString(), entry[1].asUInt(), entry[2].asString()});
@@ -184,7 +184,8 @@ std::optional<WorkerAnswer> ParseAnswer(const char* payload, std::size_t size) {
     const char* end = payload + size;
     const char* newline = std::find(payload, end, '\n');
     if (newline == end) return std::nullopt;
-    std::optional<Json::Value> meta = ParseMessage(payload, static_cast<std::size_t>(newline - payload));
+    std::optional<Json::Value> meta =
+        ParseMessage(payload, static_cast<std::size_t>(newline - payload));
     if (!meta || !(*meta)["call"].isString() || !(*meta)["result"].isString() ||
         !(*meta)["answers"].isInt() || !(*meta)["ids"].isString()) {
         return std::nullopt;

@@ -143,8 +143,8 @@ public:
     ~Front() {
         for (auto& pending : pending_) {
             if (pending->request == nullptr) continue;
-            evhttp_connection_set_closecb(evhttp_request_get_connection(pending->request),
-                                          nullptr, nullptr);
+            evhttp_connection_set_closecb(evhttp_request_get_connection(pending->request), nullptr,
+                                          nullptr);
         }
     }
     Front(const Front&) = delete;
@@ -226,10 +226,10 @@ private:
         }
         auto& call = std::get<HandlerCall>(decided);
         if (queue_.size() >= options_.queueLimit) {
-            Send(request, router_.Finish(exchange,
-                                         HostFailure(kServiceUnavailable, HostError::kBusy,
-                                                     call.Label()),
-                                         "ids-ok", started));
+            Send(request,
+                 router_.Finish(exchange,
+                                HostFailure(kServiceUnavailable, HostError::kBusy, call.Label()),
+                                "ids-ok", started));
             return;
         }
         exchange.body.clear();
@@ -242,8 +242,8 @@ private:
         pending.frame = EncodeFrame(CallMessage(call));
         pending.exclusive = IsExclusiveMethod(options_, call.method);
         pending.started = started;
-        evhttp_connection_set_closecb(evhttp_request_get_connection(request),
-                                      &Front::OnClientGone, &pending);
+        evhttp_connection_set_closecb(evhttp_request_get_connection(request), &Front::OnClientGone,
+                                      &pending);
         queue_.push_back(&pending);
         Pump();
     }
@@ -415,10 +415,9 @@ private:
         auto& worker = *static_cast<Worker*>(context);
         Front& front = *worker.front;
         if (worker.running != nullptr) {
-            front.Answer(*worker.running,
-                         HostFailure(200, HostError::kHandlerTimeout, worker.running->call,
-                                     "killed"),
-                         "-");
+            front.Answer(
+                *worker.running,
+                HostFailure(200, HostError::kHandlerTimeout, worker.running->call, "killed"), "-");
         }
         front.Kill(worker);
     }
@@ -443,10 +442,10 @@ private:
             std::fprintf(stderr, "farlink-host: worker %d ended (%s) during %s\n",
                          static_cast<int>(worker.pid), DescribeEnd(status).c_str(),
                          worker.running->call.c_str());
-            Answer(*worker.running,
-                   HostFailure(200, HostError::kWorkerDied, worker.running->call,
-                               DescribeEnd(status)),
-                   "-");
+            Answer(
+                *worker.running,
+                HostFailure(200, HostError::kWorkerDied, worker.running->call, DescribeEnd(status)),
+                "-");
         }
         Release(worker);
         workers_.erase(found);

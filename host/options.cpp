@@ -107,10 +107,8 @@ Options ParseOptions(const std::vector<std::string>& args) {
          [&](auto& o, auto& v) {
              options.handlerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
          }},
-        {"--queue",
-         [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
-        {"--exclusive-methods",
-         [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
+        {"--queue", [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
+        {"--exclusive-methods", [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
         {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
         {"--max-body",
          [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},

@@ -57,11 +57,7 @@ void DropAllIds(const ServiceIds& ids) {
     if (setresuid(-1, 0, -1) == 0) throw StartupError("root could be taken back");
 }
 
-void RegainRoot() { SwitchEffectiveIds(0, 0); }
-
-const char* LogToken(IdsCheck check) {
-    return check == IdsCheck::kOk ? "ids-ok" : "ids-restored";
-}
+const char* LogToken(IdsCheck check) { return check == IdsCheck::kOk ? "ids-ok" : "ids-restored"; }
 
 IdsCheck CheckEffectiveIds(const ServiceIds& ids) {
     if (EffectiveIdsAre(ids.uid, ids.gid)) return IdsCheck::kOk;

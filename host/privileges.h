@@ -26,9 +26,6 @@ void DropEffectiveIds(const ServiceIds& ids);
 // user's, so that root can never be taken back.
 void DropAllIds(const ServiceIds& ids);
 
-// For the last steps of shutdown (removing root-owned files).
-void RegainRoot();
-
 enum class IdsCheck {
     kOk,       // the effective ids were the service's
     kRestored  // a handler left other effective ids; they were put back

@@ -11,13 +11,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
-#include <stdexcept>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include "access_log.h"
@@ -301,7 +301,8 @@ private:
                 exited.status = status;
                 workers_.erase(it);
                 if (control_) (void)SendControl(control_.Get(), exited);  // a lost front is reaped
-                const Clock::time_point due = Clock::now() + (quick ? kRestartPause : Clock::duration());
+                const Clock::time_point due =
+                    Clock::now() + (quick ? kRestartPause : Clock::duration());
                 if (!restartDue_ || due < *restartDue_) restartDue_ = due;
                 break;
             }

@@ -1,5 +1,6 @@
 #include "worker.h"
 
+#include <farlink/file_io.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -7,8 +8,6 @@
 #include <cstdio>
 #include <exception>
 #include <optional>
-
-#include <farlink/file_io.h>
 
 #include "channel.h"
 #include "module_loader.h"
@@ -49,7 +48,8 @@ WorkerAnswer Answer(const LoadedModule& module, const ServiceIds& ids, const Jso
     std::optional<HandlerCall> call = ParseCall(message);
     if (!call) {
         answer.reply = ApiService::Failure(HostError::kMalformedRequest);
-    } else if (ApiTable::Lookup lookup = module.Table().Find(call->api, call->version, call->method);
+    } else if (ApiTable::Lookup lookup =
+                   module.Table().Find(call->api, call->version, call->method);
                !lookup.found) {
         answer.reply = ApiService::Failure(lookup.error);
         answer.reply.call = call->Label();

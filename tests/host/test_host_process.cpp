@@ -137,11 +137,12 @@ TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsR
 // request is served.
 TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
     const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2",
-                                                "--handler-timeout", "1"}));
+    HostProcess host(Serving(TEST_MODULE_PATH,
+                             {"--access-log", log, "--workers", "2", "--handler-timeout", "1"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"crash", "error=110,SIGSEGV"}, {"abort", "error=110,SIGABRT"}, {"hang", "error=111,killed"}};
+    const std::vector<std::pair<std::string, std::string>> cases = {{"crash", "error=110,SIGSEGV"},
+                                                                    {"abort", "error=110,SIGABRT"},
+                                                                    {"hang", "error=111,killed"}};
     for (const auto& [method, result] : cases) {
         SCOPED_TRACE(method);
         const HttpResult answer = LoggedInCall(host, method);
@@ -150,7 +151,8 @@ TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
         EXPECT_EQ(LoggedInCall(host, "succeed_empty").body, R"({"success":true})");
         EXPECT_NE(ReadFile(log).find("Test.Host/1/" + method + " " + result), std::string::npos)
             << ReadFile(log);
-        EXPECT_TRUE(WaitUntil([&] { return ChildrenNamed(host.Pid(), "farlink-worker").size() == 2; }));
+        EXPECT_TRUE(
+            WaitUntil([&] { return ChildrenNamed(host.Pid(), "farlink-worker").size() == 2; }));
     }
     const std::vector<pid_t> children = ChildrenNamed(host.Pid(), "farlink-worker");
     EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
@@ -185,9 +187,10 @@ TEST(HostScheduling, ExclusiveMethodsRunOneAtATimeAndAFullQueueIsBusy) {
                               [&] { return LoggedInCall(host, "slow&started=" + started); });
     ASSERT_TRUE(WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
     auto queued = std::async(std::launch::async, [&] { return LoggedInCall(host, "slow"); });
-    ASSERT_TRUE(WaitUntil([&] { return queued.wait_for(std::chrono::milliseconds(0)) ==
-                                           std::future_status::ready ||
-                                       access(started.c_str(), F_OK) == 0; }));
+    ASSERT_TRUE(WaitUntil([&] {
+        return queued.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready ||
+               access(started.c_str(), F_OK) == 0;
+    }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the second one is queued
     const HttpResult busy = LoggedInCall(host, "succeed_empty");
     EXPECT_EQ(busy.status, 503);

@@ -1,9 +1,8 @@
 // A small web API module for exercising farlink-host: each handler breaks
 // the handler contract, or keeps it, in one particular way.
 #include <orvo/webapi.h>
-#include <unistd.h>
-
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
