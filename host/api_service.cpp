@@ -1,8 +1,11 @@
 #include "api_service.h"
 
+#include <json/writer.h>
 #include <openssl/crypto.h>
 
 #include <limits>
+#include <memory>
+#include <sstream>
 
 namespace farlink::host {
 
@@ -63,6 +66,18 @@ ApiReply ReplyFromAnswer(const ORVO::APIResponse& response) {
 
 }  // namespace
 
+std::string EnvelopeText(const Json::Value& envelope) {
+    // One writer per process: building one costs more than most envelopes.
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(envelope, &text);
+    return text.str();
+}
+
 ApiReply ApiService::Failure(HostError error) { return ErrorReply(CodeOf(error)); }
 
 bool ApiService::PasswordMatches(const std::string& given) const {
@@ -86,31 +101,43 @@ ApiReply ApiService::Login(const RequestParams& request) {
     return reply;
 }
 
-ApiReply ApiService::Call(const RequestParams& request, const std::string& cookieSession) {
+std::string HandlerCall::Label() const {
+    return api + "/" + std::to_string(version) + "/" + method;
+}
+
+std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& request,
+                                                      const std::string& cookieSession) const {
     const std::string session = request.own.count("_sid") ? Own(request, "_sid") : cookieSession;
     if (session.empty() || !sessions_.IsValid(session)) return Failure(HostError::kNotLoggedIn);
 
-    const std::string api = Own(request, "api");
-    const std::string method = Own(request, "method");
+    HandlerCall call;
+    call.api = Own(request, "api");
+    call.method = Own(request, "method");
     const std::optional<std::uint32_t> version = ParseVersion(Own(request, "version"));
-    if (api.empty() || method.empty() || !version) return Failure(HostError::kMalformedRequest);
-
-    const std::string call = api + "/" + std::to_string(*version) + "/" + method;
-    ApiTable::Lookup lookup = table_.Find(api, *version, method);
-    if (lookup.handler == nullptr) {
+    if (call.api.empty() || call.method.empty() || !version) {
+        return Failure(HostError::kMalformedRequest);
+    }
+    call.version = *version;
+    ApiTable::Lookup lookup = table_.Find(call.api, call.version, call.method);
+    if (!lookup.found) {
         ApiReply reply = Failure(lookup.error);
-        reply.call = call;
+        reply.call = call.Label();
         return reply;
     }
+    call.params = request.params;
+    return call;
+}
 
+ApiReply RunHandler(ORVO::APIHandler handler, const HandlerCall& call) {
     // The request object holds the version as an int; a table version above
     // INT_MAX reaches its handler wrapped.
-    ORVO::APIRequest apiRequest(api, static_cast<int>(*version), method, request.params);
+    ORVO::APIRequest apiRequest(call.api, static_cast<int>(call.version), call.method, call.params);
     ORVO::APIResponse apiResponse;
-    lookup.handler(&apiRequest, &apiResponse);
+    handler(&apiRequest, &apiResponse);
 
     ApiReply reply = ReplyFromAnswer(apiResponse);
-    reply.call = call;
+    reply.call = call.Label();
+    reply.body = EnvelopeText(reply.envelope);
     return reply;
 }
 

@@ -54,12 +54,25 @@ void ApiTable::Add(std::size_t index, const ORVO::APITableEntry& row) {
                            std::to_string(std::numeric_limits<std::uint32_t>::max()));
     }
     if (row.handler == nullptr) throw StartupError(where + "handler is null");
-    if (!handlers_.emplace(HandlerKey(api, row.version, method), row.handler).second) {
+    if (handlers_.count(HandlerKey(api, row.version, method)) != 0) {
         throw StartupError(where + api + " version " + std::to_string(row.version) + " method " +
                            method + " is listed twice");
     }
-    apiVersions_.insert(ApiVersionKey(api, row.version));
-    apis_.insert(std::move(api));
+    Insert({std::move(api), static_cast<std::uint32_t>(row.version), std::move(method)},
+           row.handler);
+}
+
+void ApiTable::Insert(RowName row, ORVO::APIHandler handler) {
+    handlers_.emplace(HandlerKey(row.api, row.version, row.method), handler);
+    apiVersions_.insert(ApiVersionKey(row.api, row.version));
+    apis_.insert(row.api);
+    names_.push_back(std::move(row));
+}
+
+ApiTable ApiTable::FromNames(const std::vector<RowName>& rows) {
+    ApiTable table;
+    for (const RowName& row : rows) table.Insert(row, nullptr);
+    return table;
 }
 
 ApiTable ApiTable::FromRows(const ORVO::APITableEntry* rows) {
@@ -79,13 +92,13 @@ ApiTable ApiTable::FromRows(const ORVO::APITableEntry* rows) {
 ApiTable::Lookup ApiTable::Find(const std::string& api, std::uint32_t version,
                                 const std::string& method) const {
     if (auto found = handlers_.find(HandlerKey(api, version, method)); found != handlers_.end()) {
-        return {found->second, HostError::kUnknown};
+        return {true, found->second, HostError::kUnknown};
     }
     if (apiVersions_.count(ApiVersionKey(api, version)) != 0) {
-        return {nullptr, HostError::kUnknownMethod};
+        return {false, nullptr, HostError::kUnknownMethod};
     }
-    if (apis_.count(api) != 0) return {nullptr, HostError::kUnsupportedVersion};
-    return {nullptr, HostError::kUnknownApi};
+    if (apis_.count(api) != 0) return {false, nullptr, HostError::kUnsupportedVersion};
+    return {false, nullptr, HostError::kUnknownApi};
 }
 
 }  // namespace farlink::host

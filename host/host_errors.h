@@ -15,6 +15,9 @@ enum class HostError : int {
     kRequestTooLarge = 107,
     kMethodNotAllowed = 108,
     kNoSuchEndpoint = 109,
+    kWorkerDied = 110,      // the worker running the handler died (signal, abort, exit)
+    kHandlerTimeout = 111,  // the handler ran past --handler-timeout; its worker was killed
+    kBusy = 112,            // too many requests waiting for a worker (HTTP 503)
     kBadLogin = 400,
 };
 

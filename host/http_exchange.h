@@ -2,7 +2,6 @@
 // that decides the answer.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,8 +24,5 @@ struct HttpReply {
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
 };
-
-// Called on a worker thread; may block that worker, never the others.
-using HttpHandler = std::function<HttpReply(const HttpExchange&)>;
 
 }  // namespace farlink::host

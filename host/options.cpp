@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -31,6 +32,18 @@ unsigned long long ParseNumber(const std::string& option, const std::string& tex
                            std::to_string(max) + ", not '" + text + "'");
     }
     return value;
+}
+
+// "a,b,,c" -> {"a","b","c"}; "" -> {}.
+std::vector<std::string> SplitList(const std::string& text) {
+    std::vector<std::string> items;
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        const std::size_t end = std::min(text.find(',', start), text.size());
+        if (end > start) items.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return items;
 }
 
 std::string ReadFirstLine(const std::string& path) {
@@ -86,10 +99,16 @@ Options ParseOptions(const std::vector<std::string>& args) {
         {"--user", [&](auto&, auto& v) { options.user = v; }},
         {"--password-file", [&](auto&, auto& v) { passwords.file = v; }},
         {"--password", [&](auto&, auto& v) { passwords.literal = v; }},
-        {"--threads",
+        {"--workers",
          [&](auto& o, auto& v) {
-             options.threads = static_cast<unsigned>(ParseNumber(o, v, 1, 256));
+             options.workers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
          }},
+        {"--handler-timeout",
+         [&](auto& o, auto& v) {
+             options.handlerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
+         }},
+        {"--queue", [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
+        {"--exclusive-methods", [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
         {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
         {"--max-body",
          [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
@@ -119,6 +138,13 @@ Options ParseOptions(const std::vector<std::string>& args) {
     CheckRequired(options);
     ResolvePassword(passwords, options);
     return options;
+}
+
+bool IsExclusiveMethod(const Options& options, const std::string& method) {
+    for (const std::string& prefix : options.exclusivePrefixes) {
+        if (method.rfind(prefix, 0) == 0) return true;
+    }
+    return false;
 }
 
 }  // namespace farlink::host

@@ -15,7 +15,12 @@ struct Options {
     std::optional<int> listenFd;               // inherited, already listening
     std::string user = "nobody";
     std::string password;
-    unsigned threads = 4;
+    unsigned workers = 4;  // processes that each load the module
+    std::chrono::seconds handlerTimeout{60};
+    std::size_t queueLimit = 256;  // requests waiting for a worker
+    // Methods with a name that begins with one of these run one at a time
+    // across all workers.
+    std::vector<std::string> exclusivePrefixes{"set"};
     std::string accessLogPath;  // empty: stderr
     std::size_t maxBody = 1024 * 1024;
     std::string pidFile;
@@ -24,5 +29,8 @@ struct Options {
 
 // Throws StartupError naming the first problem. Reads --password-file.
 Options ParseOptions(const std::vector<std::string>& args);
+
+// Whether `method` must run alone among the methods of its kind.
+bool IsExclusiveMethod(const Options& options, const std::string& method);
 
 }  // namespace farlink::host

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "startup_error.h"
@@ -51,39 +50,31 @@ void DropEffectiveIds(const ServiceIds& ids) {
     if (!EffectiveIdsAre(ids.uid, ids.gid)) throw StartupError("effective ids did not change");
 }
 
-void RegainRoot() { SwitchEffectiveIds(0, 0); }
-
-const char* LogToken(IdsCheck check) {
-    switch (check) {
-        case IdsCheck::kOk:
-            return "ids-ok";
-        case IdsCheck::kRestored:
-            return "ids-restored";
-        case IdsCheck::kUnchecked:
-            return "ids-unchecked";
-    }
-    return "ids-?";
+void DropAllIds(const ServiceIds& ids) {
+    if (setgroups(1, &ids.gid) != 0) throw StartupError("setgroups: " + ErrnoText());
+    if (setresgid(ids.gid, ids.gid, ids.gid) != 0) throw StartupError("setresgid: " + ErrnoText());
+    if (setresuid(ids.uid, ids.uid, ids.uid) != 0) throw StartupError("setresuid: " + ErrnoText());
+    if (setresuid(-1, 0, -1) == 0) throw StartupError("root could be taken back");
 }
 
-IdsCheck IdsWarden::CheckWhenAlone() {
-    std::unique_lock<std::shared_mutex> alone(lock_, std::try_to_lock);
-    if (!alone.owns_lock()) return IdsCheck::kUnchecked;
-    if (EffectiveIdsAre(ids_.uid, ids_.gid)) return IdsCheck::kOk;
+const char* LogToken(IdsCheck check) { return check == IdsCheck::kOk ? "ids-ok" : "ids-restored"; }
 
+IdsCheck CheckEffectiveIds(const ServiceIds& ids) {
+    if (EffectiveIdsAre(ids.uid, ids.gid)) return IdsCheck::kOk;
+
+    static unsigned long restores = 0;
     const uid_t leftUid = geteuid();
     const gid_t leftGid = getegid();
-    if (!SwitchEffectiveIds(ids_.uid, ids_.gid)) {
-        // Serving on with unknown rights is worse than not serving.
+    if (!SwitchEffectiveIds(ids.uid, ids.gid)) {
         std::fprintf(stderr,
                      "farlink-host: FATAL: cannot restore effective ids %u/%u (left at %u/%u)\n",
-                     ids_.uid, ids_.gid, leftUid, leftGid);
+                     ids.uid, ids.gid, leftUid, leftGid);
         std::_Exit(EXIT_FAILURE);
     }
-    unsigned long count = ++restores_;
     std::fprintf(stderr,
                  "farlink-host: WARNING: a handler left effective ids %u/%u; restored %u/%u "
-                 "(%lu so far)\n",
-                 leftUid, leftGid, ids_.uid, ids_.gid, count);
+                 "(%lu so far in worker %d)\n",
+                 leftUid, leftGid, ids.uid, ids.gid, ++restores, static_cast<int>(getpid()));
     return IdsCheck::kRestored;
 }
 

@@ -1,12 +1,11 @@
-// The server's identities. It starts as root and serves with the service
-// user's effective ids while the real and saved ids stay 0, so that a
-// module's privileged sections can switch the effective ids to 0 and back.
+// The server's identities. It starts as root. A worker serves with the
+// service user's effective ids while its real and saved ids stay 0, so that
+// a module's privileged sections can switch the effective ids to 0 and back;
+// the front gives up root for good.
 #pragma once
 
 #include <sys/types.h>
 
-#include <atomic>
-#include <shared_mutex>
 #include <string>
 
 namespace farlink::host {
@@ -20,45 +19,23 @@ struct ServiceIds {
 // Each throws StartupError with the reason.
 void RequireRoot();
 ServiceIds LookupServiceUser(const std::string& name);
-// Call before any thread is started.
+// For a worker, before it serves: service group as the only supplementary
+// group, effective ids the service user's, real and saved ids still 0.
 void DropEffectiveIds(const ServiceIds& ids);
-
-// For the last steps of shutdown (removing root-owned files).
-void RegainRoot();
+// For the front, before it reads from the network: every id the service
+// user's, so that root can never be taken back.
+void DropAllIds(const ServiceIds& ids);
 
 enum class IdsCheck {
-    kOk,        // the effective ids were the service's
-    kRestored,  // a handler left other effective ids; they were put back
-    kUnchecked  // another handler was running; its ids are not ours to judge
+    kOk,       // the effective ids were the service's
+    kRestored  // a handler left other effective ids; they were put back
 };
 
 const char* LogToken(IdsCheck check);
 
-// Runs request work and then checks that the effective ids are the service
-// ids again. The ids are process-wide, so a check is only meaningful while no
-// other handler runs: work holds the lock shared and the check takes it
-// exclusively, without waiting.
-class IdsWarden {
-public:
-    explicit IdsWarden(ServiceIds ids) : ids_(std::move(ids)) {}
-
-    template <typename Work>
-    IdsCheck Run(Work&& work) {
-        {
-            std::shared_lock<std::shared_mutex> running(lock_);
-            work();
-        }
-        return CheckWhenAlone();
-    }
-
-    unsigned long RestoreCount() const { return restores_.load(); }
-
-private:
-    IdsCheck CheckWhenAlone();
-
-    ServiceIds ids_;
-    std::shared_mutex lock_;
-    std::atomic<unsigned long> restores_{0};
-};
+// After each request in a worker: the effective ids must be the service
+// ids again. Left-over ids are put back and reported on stderr; if they
+// cannot be, the process ends rather than serve with unknown rights.
+IdsCheck CheckEffectiveIds(const ServiceIds& ids);
 
 }  // namespace farlink::host

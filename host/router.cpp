@@ -13,12 +13,6 @@ constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
 constexpr int kPayloadTooLarge = 413;
 
-std::string Serialize(const Json::Value& envelope) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, envelope);
-}
-
 std::string Trim(const std::string& text) {
     std::size_t begin = text.find_first_not_of(" \t");
     if (begin == std::string::npos) return "";
@@ -41,28 +35,30 @@ std::string CookieValue(const std::string& header, const std::string& name) {
     return "";
 }
 
-Router::Answer Router::Route(const HttpExchange& exchange) {
+std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exchange) {
     const bool isAuth = exchange.path == kAuthPath;
     if (!isAuth && exchange.path != kEntryPath) {
-        return {kNotFound, ApiService::Failure(HostError::kNoSuchEndpoint)};
+        return Answer{kNotFound, ApiService::Failure(HostError::kNoSuchEndpoint)};
     }
     if (exchange.method != "GET" && exchange.method != "POST") {
-        return {kMethodNotAllowed, ApiService::Failure(HostError::kMethodNotAllowed)};
+        return Answer{kMethodNotAllowed, ApiService::Failure(HostError::kMethodNotAllowed)};
     }
     if (exchange.bodyTooLarge) {
-        return {kPayloadTooLarge, ApiService::Failure(HostError::kRequestTooLarge)};
+        return Answer{kPayloadTooLarge, ApiService::Failure(HostError::kRequestTooLarge)};
     }
     ParamsOutcome collected =
         CollectParams(exchange.query, exchange.contentType, exchange.body,
                       isAuth ? ApiService::kLoginNames : ApiService::kCallNames);
-    if (!collected.params) return {200, ApiService::Failure(HostError::kMalformedRequest)};
-    if (isAuth) return {200, service_.Login(*collected.params)};
-    return {200, service_.Call(*collected.params, CookieValue(exchange.cookie, kSessionCookie))};
+    if (!collected.params) return Answer{200, ApiService::Failure(HostError::kMalformedRequest)};
+    if (isAuth) return Answer{200, service_.Login(*collected.params)};
+    auto routed = service_.Route(*collected.params, CookieValue(exchange.cookie, kSessionCookie));
+    if (auto* reply = std::get_if<ApiReply>(&routed)) return Answer{200, std::move(*reply)};
+    return std::get<HandlerCall>(std::move(routed));
 }
 
 // An exception must not unwind through the event loop's C frames; whatever
 // threw, the client gets an answer.
-Router::Answer Router::RouteSafely(const HttpExchange& exchange) {
+std::variant<Router::Answer, HandlerCall> Router::Decide(const HttpExchange& exchange) {
     try {
         return Route(exchange);
     } catch (const std::exception& error) {
@@ -70,17 +66,14 @@ Router::Answer Router::RouteSafely(const HttpExchange& exchange) {
     } catch (...) {
         std::fprintf(stderr, "farlink-host: request failed with a non-standard exception\n");
     }
-    return {200, ApiService::Failure(HostError::kUnknown)};
+    return Answer{200, ApiService::Failure(HostError::kUnknown)};
 }
 
-HttpReply Router::Handle(const HttpExchange& exchange) {
-    const auto started = std::chrono::steady_clock::now();
-    Answer answer;
-    IdsCheck ids = warden_.Run([&] { answer = RouteSafely(exchange); });
-
+HttpReply Router::Finish(const HttpExchange& exchange, const Answer& answer, const std::string& ids,
+                         std::chrono::steady_clock::time_point started) const {
     HttpReply reply;
     reply.status = answer.status;
-    reply.body = Serialize(answer.api.envelope);
+    reply.body = answer.api.body.empty() ? EnvelopeText(answer.api.envelope) : answer.api.body;
     reply.headers.emplace_back("Content-Type", "application/json; charset=utf-8");
     if (!answer.api.newSession.empty()) {
         reply.headers.emplace_back("Set-Cookie", std::string(kSessionCookie) + "=" +
@@ -92,7 +85,7 @@ HttpReply Router::Handle(const HttpExchange& exchange) {
                 answer.api.result,
                 std::chrono::duration_cast<std::chrono::microseconds>(
                     std::chrono::steady_clock::now() - started),
-                LogToken(ids), answer.api.answers});
+                ids, answer.api.answers});
     return reply;
 }
 

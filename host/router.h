@@ -1,11 +1,14 @@
 // Maps HTTP requests onto the web API endpoints: paths, methods and size
-// limits, the JSON reply, the ids check and the access log line.
+// limits, the JSON reply and the access log line. Handlers run elsewhere:
+// Decide says which call a worker must make.
 #pragma once
+
+#include <chrono>
+#include <variant>
 
 #include "access_log.h"
 #include "api_service.h"
 #include "http_exchange.h"
-#include "privileges.h"
 
 namespace farlink::host {
 
@@ -18,22 +21,25 @@ std::string CookieValue(const std::string& header, const std::string& name);
 
 class Router {
 public:
-    Router(ApiService& service, IdsWarden& warden, const AccessLog& log)
-        : service_(service), warden_(warden), log_(log) {}
-
-    HttpReply Handle(const HttpExchange& exchange);
-
-private:
     struct Answer {
         int status = 200;
         ApiReply api;
     };
 
-    Answer Route(const HttpExchange& exchange);
-    Answer RouteSafely(const HttpExchange& exchange);
+    Router(ApiService& service, const AccessLog& log) : service_(service), log_(log) {}
+
+    // The host's own answer, or the call that a worker must run.
+    std::variant<Answer, HandlerCall> Decide(const HttpExchange& exchange);
+
+    // The HTTP reply for `answer`, and its access-log line. `ids` is what
+    // the worker's check found ("ids-ok" when no handler ran).
+    HttpReply Finish(const HttpExchange& exchange, const Answer& answer, const std::string& ids,
+                     std::chrono::steady_clock::time_point started) const;
+
+private:
+    std::variant<Answer, HandlerCall> Route(const HttpExchange& exchange);
 
     ApiService& service_;
-    IdsWarden& warden_;
     const AccessLog& log_;
 };
 

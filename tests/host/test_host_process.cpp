@@ -13,9 +13,13 @@
 #include <thread>
 
 #include "host_harness.h"
+#include "test_processes.h"
 
 namespace farlink::host::test {
 namespace {
+
+using farlink_test::ChildrenNamed;
+using farlink_test::ProcStatus;
 
 std::vector<std::string> WithModule(const std::string& module, std::vector<std::string> more = {}) {
     more.insert(more.begin(), {"--module", module});
@@ -62,10 +66,10 @@ TEST(HostStartup, RefusesModulesItCannotServeAndBadOptions) {
         {WithModule(module, {"--listen", "127.0.0.1", "--password", "pw"}),
          "--listen wants ADDR:PORT"},
         {WithModule(module, {"--listen", "127.0.0.1:0"}), "no admin password"},
-        {Serving(module, {"--threads", "0"}), "--threads wants a number"},
+        {Serving(module, {"--workers", "0"}), "--workers wants a number"},
         {Serving(module, {"--max-body", "12k"}), "--max-body wants a number"},
         {Serving(module, {"--bogus"}), "unknown option '--bogus'"},
-        {Serving(module, {"--threads"}), "--threads needs a value"},
+        {Serving(module, {"--workers"}), "--workers needs a value"},
         {Serving(module, {"--user", "no-such-user"}), "no such user 'no-such-user'"},
         {Serving(module, {"--user", "root"}), "is root"},
         {WithModule(module, {"--listen", "127.0.0.1:0", "--password-file", "/nonexistent"}),
@@ -84,31 +88,31 @@ TEST(HostStartup, RefusesToStartWithoutRoot) {
     ExpectRefusal(host, "must be started as root");
 }
 
-// "Uid:" / "Gid:" lines: real, effective, saved, filesystem.
-std::string StatusLine(pid_t pid, const std::string& key) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind(key, 0) != 0) continue;
-        std::istringstream fields(line.substr(key.size()));
-        std::string joined, field;
-        while (fields >> field) joined += (joined.empty() ? "" : " ") + field;
-        return joined;
-    }
-    return "";
-}
-
-// The host serves with the service user's ids, real and saved ids root,
-// and takes back a handler's left-over root.
-TEST(HostPrivileges, ServiceIdsAndLeftOverRootIsRestoredAndReported) {
+// The supervisor keeps root and reads no network input; the front has no
+// way back to root (no id of 0, no capability); each worker serves with the
+// service user's effective ids and takes back a handler's left-over root.
+TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsRestored) {
     const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log}));
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
-    EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
-    EXPECT_EQ(StatusLine(host.Pid(), "Gid:"), "0 65534 0 65534");
-    EXPECT_EQ(StatusLine(host.Pid(), "Groups:"), "65534");
+    EXPECT_EQ(ProcStatus(host.Pid(), "Uid:"), "0 0 0 0");
+    const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
+    ASSERT_EQ(fronts.size(), 1u);
+    EXPECT_EQ(ProcStatus(fronts[0], "Uid:"), "65534 65534 65534 65534");
+    EXPECT_EQ(ProcStatus(fronts[0], "Gid:"), "65534 65534 65534 65534");
+    EXPECT_EQ(ProcStatus(fronts[0], "Groups:"), "65534");
+    EXPECT_EQ(ProcStatus(fronts[0], "CapPrm:"), "0000000000000000");
+    const std::vector<pid_t> workers = ChildrenNamed(host.Pid(), "farlink-worker");
+    ASSERT_EQ(workers.size(), 2u);
+    for (pid_t worker : workers) {
+        EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 65534 0 65534");
+        EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 65534 0 65534");
+        EXPECT_EQ(ProcStatus(worker, "Groups:"), "65534");
+    }
+
     HttpResult leak = LoggedInCall(host, "leak_root");
     EXPECT_EQ(leak.json["success"], true) << leak.body;
-    EXPECT_EQ(StatusLine(host.Pid(), "Uid:"), "0 65534 0 65534");
+    for (pid_t worker : workers) EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 65534 0 65534");
     Fetch("PUT", host.BaseUrl() + "/webapi/entry.cgi?x");
 
     // One line per request: TIME CLIENT METHOD PATH STATUS CALL RESULT LATENCY IDS ANSWERS
@@ -126,6 +130,75 @@ TEST(HostPrivileges, ServiceIdsAndLeftOverRootIsRestoredAndReported) {
               std::string::npos)
         << host.StderrText();
     unlink(log.c_str());
+}
+
+// A handler that kills its worker or never returns costs only its own
+// request: it gets its code, a fresh worker takes the place, and the next
+// request is served.
+TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
+    const std::string log = TempPath("access");
+    HostProcess host(Serving(TEST_MODULE_PATH,
+                             {"--access-log", log, "--workers", "2", "--handler-timeout", "1"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const std::vector<std::pair<std::string, std::string>> cases = {{"crash", "error=110,SIGSEGV"},
+                                                                    {"abort", "error=110,SIGABRT"},
+                                                                    {"hang", "error=111,killed"}};
+    for (const auto& [method, result] : cases) {
+        SCOPED_TRACE(method);
+        const HttpResult answer = LoggedInCall(host, method);
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.json["error"]["code"], method == "hang" ? 111 : 110) << answer.body;
+        EXPECT_EQ(LoggedInCall(host, "succeed_empty").body, R"({"success":true})");
+        EXPECT_NE(ReadFile(log).find("Test.Host/1/" + method + " " + result), std::string::npos)
+            << ReadFile(log);
+        EXPECT_TRUE(
+            WaitUntil([&] { return ChildrenNamed(host.Pid(), "farlink-worker").size() == 2; }));
+    }
+    const std::vector<pid_t> children = ChildrenNamed(host.Pid(), "farlink-worker");
+    EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
+    for (pid_t child : children) EXPECT_NE(kill(child, 0), 0) << "worker " << child << " left";
+    unlink(log.c_str());
+}
+
+// Methods named like writes never overlap, whichever worker runs them; a
+// full queue answers "busy" at once.
+TEST(HostScheduling, ExclusiveMethodsRunOneAtATimeAndAFullQueueIsBusy) {
+    const std::string counter = TempPath("counter");
+    {
+        HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "4"}));
+        ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+        std::vector<std::future<int>> clients;
+        for (int client = 0; client < 6; ++client) {
+            clients.push_back(std::async(std::launch::async, [&] {
+                int overlaps = 0;
+                for (int call = 0; call < 5; ++call) {
+                    HttpResult answer = LoggedInCall(host, "set_exclusive&counter=" + counter);
+                    overlaps += answer.json["success"] != true;
+                }
+                return overlaps;
+            }));
+        }
+        for (auto& client : clients) EXPECT_EQ(client.get(), 0);
+    }
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "1", "--queue", "1"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const std::string started = TempPath("started");
+    auto running = std::async(std::launch::async,
+                              [&] { return LoggedInCall(host, "slow&started=" + started); });
+    ASSERT_TRUE(WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
+    auto queued = std::async(std::launch::async, [&] { return LoggedInCall(host, "slow"); });
+    ASSERT_TRUE(WaitUntil([&] {
+        return queued.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready ||
+               access(started.c_str(), F_OK) == 0;
+    }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the second one is queued
+    const HttpResult busy = LoggedInCall(host, "succeed_empty");
+    EXPECT_EQ(busy.status, 503);
+    EXPECT_EQ(busy.json["error"]["code"], 112) << busy.body;
+    EXPECT_EQ(running.get().body, R"({"success":true})");
+    EXPECT_EQ(queued.get().body, R"({"success":true})");
+    unlink(counter.c_str());
+    unlink(started.c_str());
 }
 
 TEST(HostShutdown, SigtermFinishesTheSlowRequestInFlightThenExitsZero) {

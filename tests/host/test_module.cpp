@@ -1,9 +1,11 @@
 // A small web API module for exercising farlink-host: each handler breaks
 // the handler contract, or keeps it, in one particular way.
 #include <orvo/webapi.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <thread>
 
@@ -54,6 +56,30 @@ void Slow(APIRequest* request, APIResponse* response) {
 
 void Throw(APIRequest*, APIResponse*) { throw std::runtime_error("handler threw"); }
 
+// Handlers that take their whole process down, or never come back.
+void Crash(APIRequest*, APIResponse*) { raise(SIGSEGV); }
+void Abort(APIRequest*, APIResponse*) { std::abort(); }
+void Hang(APIRequest*, APIResponse*) {
+    for (;;) pause();
+}
+
+// Counts calls in a file the test names (`counter`), so that a test can see
+// whether two calls ever overlapped: the file holds "running" while one runs.
+void Exclusive(APIRequest* request, APIResponse* response) {
+    const std::string path = request->GetParam("counter", Json::Value()).asString();
+    std::ifstream in(path);
+    std::string state;
+    in >> state;
+    if (state == "running") {
+        response->SetError(2900, Json::Value());
+        return;
+    }
+    std::ofstream(path) << "running\n";
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::ofstream(path) << "idle\n";
+    response->SetSuccess(Json::Value());
+}
+
 const ORVO::APITableEntry kTable[] = {
     {"Test.Echo", 1, "echo", Echo},
     {"Test.Echo", 2, "echo", Echo},
@@ -64,6 +90,10 @@ const ORVO::APITableEntry kTable[] = {
     {"Test.Host", 1, "leak_root", LeakRoot},
     {"Test.Host", 1, "slow", Slow},
     {"Test.Host", 1, "throw", Throw},
+    {"Test.Host", 1, "crash", Crash},
+    {"Test.Host", 1, "abort", Abort},
+    {"Test.Host", 1, "hang", Hang},
+    {"Test.Host", 1, "set_exclusive", Exclusive},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "test_http.h"
+#include "test_processes.h"
 
 extern char** environ;
 
@@ -83,13 +84,25 @@ std::vector<long> ProcessIds(pid_t pid, const std::string& key) {
     return ids;
 }
 
+// The workers keep root only as their real and saved ids; the front has
+// none left.
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
     const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
     const long uid = user->pw_uid, gid = user->pw_gid;
-    EXPECT_EQ(ProcessIds(host, "Uid:"), (std::vector<long>{0, uid, 0})) << "host " << host;
-    EXPECT_EQ(ProcessIds(host, "Gid:"), (std::vector<long>{0, gid, 0})) << "host " << host;
+    const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
+    EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
+    for (pid_t worker : workers) {
+        EXPECT_EQ(ProcessIds(worker, "Uid:"), (std::vector<long>{0, uid, 0}))
+            << "worker " << worker;
+        EXPECT_EQ(ProcessIds(worker, "Gid:"), (std::vector<long>{0, gid, 0}))
+            << "worker " << worker;
+    }
+    for (pid_t front : ChildrenNamed(host, "farlink-front")) {
+        EXPECT_EQ(ProcessIds(front, "Uid:"), (std::vector<long>{uid, uid, uid}))
+            << "front " << front;
+    }
 }
 
 // <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
@@ -134,14 +147,19 @@ void BoxTest::SetUp() {
 
 Json::Value BoxTest::Call(const std::string& api, int version, const std::string& method,
                           const Json::Value& params) {
+    const Json::Value answer = CallUnchecked(api, version, method, params);
+    ExpectHostIdsDropped();
+    return answer;
+}
+
+Json::Value BoxTest::CallUnchecked(const std::string& api, int version, const std::string& method,
+                                   const Json::Value& params) {
     std::string url = Env("FARLINK_BOX_URL") + "/webapi/entry.cgi?api=" + UrlEscape(api) +
                       "&version=" + std::to_string(version) + "&method=" + UrlEscape(method);
     for (const auto& name : params.getMemberNames())
         url += "&" + UrlEscape(name) + "=" + UrlEscape(CompactJson(params[name]));
-    const Json::Value answer = JsonAnswer(Fetch("GET", url, "", "", SessionCookie()),
-                                          api + " v" + std::to_string(version) + " " + method);
-    ExpectHostIdsDropped();
-    return answer;
+    return JsonAnswer(Fetch("GET", url, "", "", SessionCookie()),
+                      api + " v" + std::to_string(version) + " " + method);
 }
 
 Json::Value Answer(int code, const Json::Value& data) {

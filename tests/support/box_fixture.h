@@ -71,6 +71,9 @@ protected:
     // user's again, and its real and saved ids root.
     Json::Value Call(const std::string& api, int version, const std::string& method,
                      const Json::Value& params = Json::Value(Json::objectValue));
+    // The same call without the ids check, for many threads at once.
+    static Json::Value CallUnchecked(const std::string& api, int version, const std::string& method,
+                                     const Json::Value& params = Json::Value(Json::objectValue));
 
     // Runs `body` with the host's credentials (ScopedServiceUser) and
     // expects it to leave them as it found them.

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Throughput and latency of the host inside the box: its own floor (an
+# unknown method, answered without a worker) and get_misc_config v3 (a
+# handler that reads misc.conf), at 1 and at 16 connections, with wrk.
+#
+#   bench/host_throughput.sh [BUILD_DIR] [SECONDS]
+#
+# Runs a box of its own from BUILD_DIR (default build) and prints one table
+# row per case; the figures are in BENCHMARKS.md.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$root/build}" && pwd)
+seconds=${2:-5}
+
+if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
+    exec "$root/world/farlink-box" --build "$build" --port 0 \
+        --run-dir "$build/box-runs/host-throughput" -- bash "$0" "$build" "$seconds"
+fi
+
+command -v wrk >/dev/null || { echo "host_throughput: wrk is missing" >&2; exit 1; }
+url=http://127.0.0.1:8080/webapi
+password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
+sid=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi" |
+    sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
+[ -n "$sid" ] || { echo "host_throughput: cannot log in" >&2; exit 1; }
+
+floor="$url/entry.cgi?api=Bench.Nothing&version=1&method=none"
+misc="$url/entry.cgi?api=ORVO.Core.Farlink&version=3&method=get_misc_config"
+curl -sf -b "id=$sid" "$misc" >/dev/null  # creates misc.conf
+
+# wrk's requests per second and its 50th and 99th latency percentiles.
+measure() {
+    local connections=$1 target=$2 threads=$(( $1 < 2 ? 1 : 2 ))
+    wrk -t "$threads" -c "$connections" -d "${seconds}s" --latency -H "Cookie: id=$sid" "$target" |
+        awk '/Requests\/sec/ {rps=$2} $1=="50%" {p50=$2} $1=="99%" {p99=$2}
+             END {printf "%s %s %s", rps, p50, p99}'
+}
+
+printf '| case | connections | requests/s | p50 | p99 | ratio to floor |\n|---|---|---|---|---|---|\n'
+for connections in 1 16; do
+    read -r floor_rps floor_p50 floor_p99 <<<"$(measure "$connections" "$floor")"
+    read -r misc_rps misc_p50 misc_p99 <<<"$(measure "$connections" "$misc")"
+    ratio=$(awk -v a="$misc_rps" -v b="$floor_rps" 'BEGIN {printf "%.2f", a / b}')
+    printf '| host floor (unknown method) | %s | %.0f | %s | %s | 1.00 |\n' \
+        "$connections" "$floor_rps" "$floor_p50" "$floor_p99"
+    printf '| get_misc_config v3 | %s | %.0f | %s | %s | %s |\n' \
+        "$connections" "$misc_rps" "$misc_p50" "$misc_p99" "$ratio"
+done

@@ -1,0 +1,43 @@
+// The front process: the only one that reads from the network. It owns the
+// listening socket, HTTP, login and sessions, routing, the queue of
+// requests waiting for a worker and the access log, and it runs with every
+// id dropped to the service user's. It never loads the module: it knows the
+// table's rows from the workers' greeting.
+#pragma once
+
+#include <farlink/unique_fd.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "access_log.h"
+#include "api_table.h"
+#include "options.h"
+#include "privileges.h"
+
+namespace farlink::host {
+
+// The front's end of one worker's channel.
+struct WorkerLink {
+    std::uint32_t id = 0;
+    pid_t pid = 0;
+    UniqueFd channel;
+};
+
+struct FrontSetup {
+    const Options* options = nullptr;
+    ServiceIds ids;
+    UniqueFd listener;
+    UniqueFd accessLog;  // empty: stderr
+    std::vector<RowName> rows;
+    std::vector<WorkerLink> workers;
+    UniqueFd control;  // to the supervisor
+};
+
+// Serves until SIGTERM or SIGINT and the requests in flight are done;
+// exits 0, or 1 if some were still running after the grace time.
+[[noreturn]] void RunFront(FrontSetup setup);
+
+}  // namespace farlink::host

@@ -1,0 +1,365 @@
+#include "supervisor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include "access_log.h"
+#include "channel.h"
+#include "control.h"
+#include "front.h"
+#include "listen_socket.h"
+#include "privileges.h"
+#include "startup_error.h"
+#include "worker.h"
+
+namespace farlink::host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A worker loads the module and greets within this, or it is taken for hung.
+constexpr std::chrono::seconds kGreetingTimeout{60};
+// The front's own grace for requests in flight is 10 s; past this it is killed.
+constexpr std::chrono::seconds kStopTimeout{13};
+// Workers end by themselves once the front has closed their channels.
+constexpr std::chrono::seconds kWorkerLinger{2};
+// A worker that ends sooner than this after its start is replaced only after
+// the same pause, so that a module that crashes at once cannot make us spin.
+constexpr std::chrono::seconds kRestartPause{1};
+
+std::string ErrnoText() { return std::strerror(errno); }
+
+// Written with root rights and removed with them; the supervisor keeps them.
+class PidFile {
+public:
+    explicit PidFile(std::string path) : path_(std::move(path)) {
+        if (path_.empty()) return;
+        std::ofstream file(path_, std::ios::trunc);
+        if (!(file << getpid() << '\n') || !file.flush()) {
+            throw StartupError("cannot write pid file " + path_);
+        }
+    }
+    ~PidFile() {
+        if (!path_.empty()) unlink(path_.c_str());
+    }
+    PidFile(const PidFile&) = delete;
+    PidFile& operator=(const PidFile&) = delete;
+
+private:
+    std::string path_;
+};
+
+UniqueFd SignalFd() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGTERM, SIGINT, SIGCHLD}) sigaddset(&signals, signal);
+    if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        throw StartupError("sigprocmask: " + ErrnoText());
+    }
+    UniqueFd fd(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!fd) throw StartupError("signalfd: " + ErrnoText());
+    return fd;
+}
+
+bool WaitReadable(int fd, Clock::time_point deadline) {
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return false;
+        pollfd ready{fd, POLLIN, 0};
+        const int result = poll(&ready, 1, static_cast<int>(left.count()));
+        if (result > 0) return true;
+        if (result < 0 && errno != EINTR) return false;
+    }
+}
+
+class Supervisor {
+public:
+    explicit Supervisor(const Options& options)
+        : options_(options),
+          accessLog_(options.accessLogPath.empty() ? UniqueFd()
+                                                   : OpenAccessLog(options.accessLogPath)),
+          ids_(LookupServiceUser(options.user)),
+          listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
+                                     : BindListenSocket(*options.listenAddress)),
+          pidFile_(options.pidFile),
+          signals_(SignalFd()) {}
+
+    int Run() {
+        StartFirstWorkers();
+        StartFront();
+        while (frontPid_ > 0) Step();
+        return Finish();
+    }
+
+private:
+    struct Worker {
+        pid_t pid = 0;
+        Clock::time_point started;
+    };
+
+    // --- workers ------------------------------------------------------------
+
+    // Forks a worker; the returned link is the front's end of its channel.
+    WorkerLink ForkWorker() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+            throw StartupError("socketpair: " + ErrnoText());
+        }
+        UniqueFd ours(ends[0]), theirs(ends[1]);
+        const pid_t pid = fork();
+        if (pid < 0) throw StartupError("fork: " + ErrnoText());
+        if (pid == 0) {
+            // Only the channel goes along: not the listening socket, the
+            // access log or another worker's channel.
+            if (dup3(theirs.Get(), 3, O_CLOEXEC) < 0) _exit(EXIT_FAILURE);
+            close_range(4, ~0u, 0);
+            RunWorker(options_.modulePath, ids_, 3);
+        }
+        const std::uint32_t id = nextWorkerId_++;
+        workers_[id] = {pid, Clock::now()};
+        return {id, pid, std::move(ours)};
+    }
+
+    // Waits for the worker's greeting: the table's rows, or why it failed.
+    std::optional<std::vector<RowName>> Greeting(const WorkerLink& link, std::string& failure) {
+        failure = "a worker did not start within " + std::to_string(kGreetingTimeout.count()) + "s";
+        if (!WaitReadable(link.channel.Get(), Clock::now() + kGreetingTimeout)) return std::nullopt;
+        std::optional<Json::Value> hello = ReadMessage(link.channel.Get());
+        failure = "a worker ended before it was ready";
+        if (!hello) return std::nullopt;
+        return ParseHello(*hello, failure);
+    }
+
+    void StartFirstWorkers() {
+        for (unsigned i = 0; i < options_.workers; ++i) links_.push_back(ForkWorker());
+        for (const WorkerLink& link : links_) {
+            std::string failure;
+            std::optional<std::vector<RowName>> rows = Greeting(link, failure);
+            if (!rows) {
+                KillAll();
+                throw StartupError(failure);
+            }
+            rows_ = std::move(*rows);
+        }
+    }
+
+    void ReplaceWorkers() {
+        restartDue_.reset();
+        while (!stopping_ && workers_.size() < options_.workers && !restartDue_) ReplaceWorker();
+    }
+
+    void ReplaceWorker() {
+        std::optional<WorkerLink> link;
+        std::string failure;
+        try {
+            link = ForkWorker();
+            if (!Greeting(*link, failure)) link.reset();
+        } catch (const StartupError& error) {
+            failure = error.what();
+        }
+        if (!link) {
+            std::fprintf(stderr, "farlink-host: cannot replace a worker: %s; trying again\n",
+                         failure.c_str());
+            restartDue_ = Clock::now() + kRestartPause;
+            return;
+        }
+        ControlMessage added;
+        added.kind = ControlKind::kWorkerAdded;
+        added.worker = link->id;
+        added.pid = link->pid;
+        (void)SendControl(control_.Get(), added, link->channel.Get());  // a lost front is reaped
+    }
+
+    // --- the front ----------------------------------------------------------
+
+    void StartFront() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+            throw StartupError("socketpair: " + ErrnoText());
+        }
+        control_.Reset(ends[0]);
+        UniqueFd frontEnd(ends[1]);
+        frontPid_ = fork();
+        if (frontPid_ < 0) throw StartupError("fork: " + ErrnoText());
+        if (frontPid_ == 0) {
+            signals_.Reset();
+            control_.Reset();
+            FrontSetup setup;
+            setup.options = &options_;
+            setup.ids = ids_;
+            setup.listener = std::move(listener_.fd);
+            setup.accessLog = std::move(accessLog_);
+            setup.rows = rows_;
+            setup.workers = std::move(links_);
+            setup.control = std::move(frontEnd);
+            RunFront(std::move(setup));
+        }
+        // The front holds these now.
+        listener_.fd.Reset();
+        accessLog_.Reset();
+        links_.clear();
+        frontEnd.Reset();
+
+        UniqueFd none;
+        if (!WaitReadable(control_.Get(), Clock::now() + kGreetingTimeout)) {
+            KillAll();
+            throw StartupError("the front did not start");
+        }
+        std::optional<ControlMessage> ready = ReceiveControl(control_.Get(), none);
+        if (!ready || ready->kind != ControlKind::kFrontReady) {
+            KillAll();
+            throw StartupError("the front did not start");
+        }
+        std::printf("farlink-host: listening on http://%s\n", listener_.address.c_str());
+        std::fflush(stdout);
+    }
+
+    // --- the loop -------------------------------------------------------------
+
+    void Step() {
+        pollfd ready[2] = {{signals_.Get(), POLLIN, 0}, {control_.Get(), POLLIN, 0}};
+        std::optional<Clock::time_point> wake = restartDue_;
+        if (stopping_ && (!wake || stopDeadline_ < *wake)) wake = stopDeadline_;
+        int timeout = -1;
+        if (wake) {
+            timeout = static_cast<int>(std::max<long long>(
+                0, std::chrono::duration_cast<std::chrono::milliseconds>(*wake - Clock::now())
+                       .count()));
+        }
+        if (poll(ready, control_ ? 2 : 1, timeout) < 0 && errno != EINTR) {
+            throw std::runtime_error("poll: " + ErrnoText());
+        }
+        if (ready[0].revents & POLLIN) TakeSignal();
+        if (control_ && (ready[1].revents & (POLLIN | POLLHUP | POLLERR))) TakeControl();
+        if (stopping_ && Clock::now() >= stopDeadline_ && frontPid_ > 0) {
+            std::fprintf(stderr, "farlink-host: the front did not stop; killing it\n");
+            kill(frontPid_, SIGKILL);
+            stopDeadline_ = Clock::now() + kStopTimeout;
+        }
+        if (restartDue_ && Clock::now() >= *restartDue_) ReplaceWorkers();
+    }
+
+    void TakeSignal() {
+        signalfd_siginfo info{};
+        if (read(signals_.Get(), &info, sizeof info) != sizeof info) return;
+        if (info.ssi_signo == SIGCHLD) {
+            Reap();
+        } else if (!stopping_) {
+            stopping_ = true;
+            stopDeadline_ = Clock::now() + kStopTimeout;
+            kill(frontPid_, SIGTERM);
+        }
+    }
+
+    void TakeControl() {
+        UniqueFd none;
+        std::optional<ControlMessage> message = ReceiveControl(control_.Get(), none);
+        if (!message) {
+            control_.Reset();  // the front is gone; SIGCHLD tells the rest
+            return;
+        }
+        if (message->kind != ControlKind::kKillWorker) return;
+        auto found = workers_.find(message->worker);
+        if (found != workers_.end()) kill(found->second.pid, SIGKILL);
+    }
+
+    void Reap() {
+        int status = 0;
+        pid_t pid;
+        while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+            if (pid == frontPid_) {
+                frontPid_ = 0;
+                frontStatus_ = status;
+                continue;
+            }
+            for (auto it = workers_.begin(); it != workers_.end(); ++it) {
+                if (it->second.pid != pid) continue;
+                const bool quick = Clock::now() - it->second.started < kRestartPause;
+                ControlMessage exited;
+                exited.kind = ControlKind::kWorkerExited;
+                exited.worker = it->first;
+                exited.pid = pid;
+                exited.status = status;
+                workers_.erase(it);
+                if (control_) (void)SendControl(control_.Get(), exited);  // a lost front is reaped
+                const Clock::time_point due =
+                    Clock::now() + (quick ? kRestartPause : Clock::duration());
+                if (!restartDue_ || due < *restartDue_) restartDue_ = due;
+                break;
+            }
+        }
+    }
+
+    // --- the end --------------------------------------------------------------
+
+    void KillAll() {
+        if (frontPid_ > 0) kill(frontPid_, SIGKILL);
+        for (const auto& [id, worker] : workers_) kill(worker.pid, SIGKILL);
+        while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+        }
+        workers_.clear();
+        frontPid_ = 0;
+    }
+
+    int Finish() {
+        const bool orderly = stopping_ && WIFEXITED(frontStatus_) && WEXITSTATUS(frontStatus_) == 0;
+        if (!stopping_) {
+            std::fprintf(stderr, "farlink-host: the front ended (%s); stopping\n",
+                         DescribeEnd(frontStatus_).c_str());
+        }
+        control_.Reset();
+        const Clock::time_point deadline = Clock::now() + kWorkerLinger;
+        while (!workers_.empty() && WaitReadable(signals_.Get(), deadline)) TakeSignal();
+        const bool abandoned = !workers_.empty();
+        KillAll();
+        return orderly && !abandoned ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+
+    const Options& options_;
+    UniqueFd accessLog_;
+    ServiceIds ids_;
+    ListenSocket listener_;
+    PidFile pidFile_;
+    UniqueFd signals_;
+    UniqueFd control_;
+    std::vector<WorkerLink> links_;  // until the front has them
+    std::vector<RowName> rows_;
+    std::map<std::uint32_t, Worker> workers_;
+    std::uint32_t nextWorkerId_ = 1;
+    pid_t frontPid_ = 0;
+    int frontStatus_ = 0;
+    bool stopping_ = false;
+    Clock::time_point stopDeadline_;
+    std::optional<Clock::time_point> restartDue_;
+};
+
+}  // namespace
+
+int Supervise(const Options& options) {
+    RequireRoot();
+    signal(SIGPIPE, SIG_IGN);
+    prctl(PR_SET_NAME, "farlink-host");
+    Supervisor supervisor(options);
+    return supervisor.Run();
+}
+
+}  // namespace farlink::host
