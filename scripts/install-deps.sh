@@ -8,6 +8,7 @@ packages=(
     libjsoncpp-dev libevent-dev libssl-dev libcurl4-openssl-dev
     libgtest-dev googletest libbenchmark-dev
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
+    dpkg-dev file lintian
 )
 
 missing=()
