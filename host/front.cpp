@@ -22,6 +22,7 @@
 #include <memory>
 
 #include "channel.h"
+#include "connection_guard.h"
 #include "control.h"
 #include "router.h"
 #include "sessions.h"
@@ -134,7 +135,9 @@ public:
         event_add(controlEvent_.get(), nullptr);
         event_add(stopEvents_[0].get(), nullptr);
         event_add(stopEvents_[1].get(), nullptr);
-        ConfigureEngine(std::move(setup.listener));
+        ConfigureEngine();
+        guard_ = std::make_unique<ConnectionGuard>(
+            base_.get(), http_.get(), std::move(setup.listener), ConnectionLimitsOf(options_));
         for (WorkerLink& link : setup.workers) AddWorker(std::move(link));
     }
 
@@ -196,7 +199,18 @@ private:
         _exit(EXIT_FAILURE);
     }
 
-    void ConfigureEngine(UniqueFd listener) {
+    static ConnectionLimits ConnectionLimitsOf(const Options& options) {
+        ConnectionLimits limits;
+        limits.maxConnections = options.maxConnections;
+        limits.perAddress = options.maxConnectionsPerAddress;
+        limits.unlimitedAddresses = {options.unlimitedAddresses.begin(),
+                                     options.unlimitedAddresses.end()};
+        limits.headerTimeout = options.headerTimeout;
+        limits.keepAliveTimeout = options.keepAliveTimeout;
+        return limits;
+    }
+
+    void ConfigureEngine() {
         evhttp_set_max_body_size(http_.get(), EngineBodyLimit(options_.maxBody));
         evhttp_set_max_headers_size(http_.get(), 64 * 1024);
         evhttp_set_timeout(http_.get(), static_cast<int>(options_.requestTimeout.count()));
@@ -205,9 +219,6 @@ private:
         // Read the rest of a refused body, so the client sees the answer.
         evhttp_set_flags(http_.get(), EVHTTP_SERVER_LINGERING_CLOSE);
         evhttp_set_gencb(http_.get(), &Front::OnRequest, this);
-        accepting_ = evhttp_accept_socket_with_handle(http_.get(), listener.Get());
-        if (accepting_ == nullptr) Fail("cannot accept on the listening socket");
-        listener.Release();  // the engine closes it
     }
 
     // --- requests ---------------------------------------------------------
@@ -218,6 +229,7 @@ private:
 
     void Handle(evhttp_request* request) {
         const Clock::time_point started = Clock::now();
+        guard_->RequestArrived(request);
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
         auto decided = router_.Decide(exchange);
         if (auto* answer = std::get_if<Router::Answer>(&decided)) {
@@ -263,6 +275,7 @@ private:
 
     void Send(evhttp_request* request, const HttpReply& reply) {
         evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
+        guard_->Answered(request);
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
         for (const auto& [name, value] : reply.headers) {
             evhttp_add_header(headers, name.c_str(), value.c_str());
@@ -470,10 +483,7 @@ private:
         auto& front = *static_cast<Front*>(self);
         if (front.draining_) return;
         front.draining_ = true;
-        if (front.accepting_ != nullptr) {
-            evhttp_del_accept_socket(front.http_.get(), front.accepting_);
-            front.accepting_ = nullptr;
-        }
+        front.guard_->StopAccepting();
         const timeval grace = ToTimeval(kShutdownGrace);
         evtimer_add(front.graceTimer_.get(), &grace);
         front.StopIfDrained();
@@ -506,10 +516,10 @@ private:
     EventPtr controlEvent_;
     EventPtr stopEvents_[2];
     EventPtr graceTimer_;
+    std::unique_ptr<ConnectionGuard> guard_;  // before http_ goes
     std::map<std::uint32_t, std::unique_ptr<Worker>> workers_;
     std::list<std::unique_ptr<Pending>> pending_;
     std::deque<Pending*> queue_;
-    evhttp_bound_socket* accepting_ = nullptr;  // owned by http_
     bool exclusiveRunning_ = false;
     bool draining_ = false;
     int repliesInFlight_ = 0;

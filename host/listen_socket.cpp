@@ -16,7 +16,10 @@ namespace farlink::host {
 
 namespace {
 
-constexpr int kBacklog = 128;
+// As deep as the system allows: a burst of connections then waits in the
+// kernel for the front, which sheds what it must, instead of crowding out a
+// real client's connection attempt.
+constexpr int kBacklog = SOMAXCONN;
 
 struct AddrInfoDeleter {
     void operator()(addrinfo* info) const { freeaddrinfo(info); }

@@ -108,6 +108,22 @@ Options ParseOptions(const std::vector<std::string>& args) {
              options.handlerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
          }},
         {"--queue", [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
+        {"--max-connections",
+         [&](auto& o, auto& v) { options.maxConnections = ParseNumber(o, v, 1, 1u << 20); }},
+        {"--max-connections-per-address",
+         [&](auto& o, auto& v) {
+             options.maxConnectionsPerAddress = ParseNumber(o, v, 1, 1u << 20);
+         }},
+        {"--unlimited-addresses",
+         [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
+        {"--header-timeout",
+         [&](auto& o, auto& v) {
+             options.headerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
+         }},
+        {"--keepalive-timeout",
+         [&](auto& o, auto& v) {
+             options.keepAliveTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
+         }},
         {"--exclusive-methods", [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
         {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
         {"--max-body",

@@ -21,7 +21,13 @@ struct Options {
     // Methods with a name that begins with one of these run one at a time
     // across all workers.
     std::vector<std::string> exclusivePrefixes{"set"};
-    std::string accessLogPath;  // empty: stderr
+    // Connections: 0 until derived from the descriptor limit at start.
+    std::size_t maxConnections = 0;
+    std::size_t maxConnectionsPerAddress = 64;
+    std::vector<std::string> unlimitedAddresses;
+    std::chrono::seconds headerTimeout{10};     // for a whole request on a new connection
+    std::chrono::seconds keepAliveTimeout{15};  // for the next one after an answer
+    std::string accessLogPath;                  // empty: stderr
     std::size_t maxBody = 1024 * 1024;
     std::string pidFile;
     std::chrono::seconds requestTimeout{30};

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -354,8 +355,28 @@ private:
 
 }  // namespace
 
-int Supervise(const Options& options) {
+// Raises the soft descriptor limit to the hard one and fits the connection
+// cap under it, leaving the front room for its own descriptors (the
+// listener, the log, the workers' channels, the event loop's). The module's
+// files and programs live in the workers, which have tables of their own.
+Options WithConnectionCap(Options options) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) throw StartupError("getrlimit: " + ErrnoText());
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) throw StartupError("setrlimit: " + ErrnoText());
+    constexpr rlim_t kDefaultCap = 4096;
+    const rlim_t reserve = 64 + options.workers;
+    if (limit.rlim_cur <= reserve) throw StartupError("the descriptor limit is too low");
+    const rlim_t fits = limit.rlim_cur - reserve;
+    const rlim_t wanted =
+        options.maxConnections ? options.maxConnections : std::min(kDefaultCap, fits);
+    options.maxConnections = static_cast<std::size_t>(std::min(wanted, fits));
+    return options;
+}
+
+int Supervise(const Options& given) {
     RequireRoot();
+    const Options options = WithConnectionCap(given);
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_NAME, "farlink-host");
     Supervisor supervisor(options);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +29,10 @@ inline std::string TempPath(const std::string& stem) {
 class HostProcess {
 public:
     // Starts farlink-host with `args`; with `asNobody` the child gives up
-    // root before exec.
-    explicit HostProcess(std::vector<std::string> args, bool asNobody = false) {
+    // root before exec; `openFiles`, if not 0, is its descriptor limit.
+    explicit HostProcess(std::vector<std::string> args, bool asNobody = false,
+                         rlim_t openFiles = 0) {
+        const rlimit files{openFiles, openFiles};
         args.insert(args.begin(), FARLINK_HOST_PATH);
         std::vector<char*> argv;
         for (std::string& arg : args) argv.push_back(arg.data());
@@ -41,6 +44,7 @@ public:
             // The forked child: no allocation from here on.
             const int stderrFd = open(stderrPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             if (stderrFd >= 0 && dup2(pipeFds[1], STDOUT_FILENO) >= 0 &&
+                (openFiles == 0 || setrlimit(RLIMIT_NOFILE, &files) == 0) &&
                 dup2(stderrFd, STDERR_FILENO) >= 0 &&
                 (!asNobody ||
                  (setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0)))
@@ -97,6 +101,34 @@ private:
     const std::string stderrPath_ = TempPath("host-stderr");
     std::string baseUrl_;
 };
+
+inline std::vector<std::string> WithModule(const std::string& module,
+                                           std::vector<std::string> more = {}) {
+    more.insert(more.begin(), {"--module", module});
+    return more;
+}
+
+// With a listening address and the password "pw" as well.
+inline std::vector<std::string> Serving(const std::string& module,
+                                        std::vector<std::string> more = {}) {
+    more.insert(more.begin(), {"--listen", "127.0.0.1:0", "--password", "pw"});
+    return WithModule(module, more);
+}
+
+// A fresh session of `host` (password "pw").
+inline std::string LoggedIn(const HostProcess& host) {
+    return farlink_test::Fetch("POST", host.BaseUrl() + "/webapi/auth.cgi",
+                               "application/x-www-form-urlencoded", "account=admin&passwd=pw")
+        .json["data"]["sid"]
+        .asString();
+}
+
+// Logs in to `host` and calls Test.Host `method` (with its query, if any).
+inline farlink_test::HttpResult LoggedInCall(const HostProcess& host, const std::string& method) {
+    return farlink_test::Fetch(
+        "GET", host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method, "",
+        "", "id=" + LoggedIn(host));
+}
 
 using farlink_test::Fetch;
 using farlink_test::HttpResult;

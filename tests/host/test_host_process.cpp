@@ -21,26 +21,6 @@ namespace {
 using farlink_test::ChildrenNamed;
 using farlink_test::ProcStatus;
 
-std::vector<std::string> WithModule(const std::string& module, std::vector<std::string> more = {}) {
-    more.insert(more.begin(), {"--module", module});
-    return more;
-}
-
-// With a listening address and a password as well.
-std::vector<std::string> Serving(const std::string& module, std::vector<std::string> more = {}) {
-    more.insert(more.begin(), {"--listen", "127.0.0.1:0", "--password", "pw"});
-    return WithModule(module, more);
-}
-
-// Logs in to `host` (password "pw") and calls Test.Host `method`.
-HttpResult LoggedInCall(const HostProcess& host, const std::string& method) {
-    const HttpResult login =
-        Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi?account=admin&passwd=pw");
-    return Fetch("GET",
-                 host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method, "",
-                 "", "id=" + login.json["data"]["sid"].asString());
-}
-
 void ExpectRefusal(HostProcess& host, const std::string& reason) {
     EXPECT_FALSE(host.WaitListening());
     EXPECT_EQ(host.Finish(), 1);

@@ -1,0 +1,209 @@
+#include "connection_guard.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+namespace farlink::host {
+
+namespace {
+
+// How often connections are checked against their deadlines and addresses;
+// soon after connections arrive or are cut, so that a burst is shed (and its
+// descriptors given back) in a few milliseconds rather than in steps.
+constexpr std::chrono::milliseconds kSweepInterval{100};
+constexpr std::chrono::milliseconds kBusySweepInterval{2};
+// How long accepting pauses after a failed accept (out of descriptors).
+constexpr std::chrono::milliseconds kAcceptPause{250};
+// A failing accept is reported at most this often.
+constexpr std::chrono::seconds kReportInterval{10};
+
+timeval ToTimeval(std::chrono::milliseconds duration) {
+    return {static_cast<time_t>(duration.count() / 1000),
+            static_cast<suseconds_t>(duration.count() % 1000 * 1000)};
+}
+
+std::string PeerAddress(int fd) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    if (fd < 0 || getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return "?";
+    char text[INET6_ADDRSTRLEN] = "?";
+    if (peer.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in&>(peer).sin_addr, text, sizeof text);
+    } else if (peer.ss_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6&>(peer).sin6_addr, text, sizeof text);
+    }
+    return text;
+}
+
+}  // namespace
+
+ConnectionGuard::ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener,
+                                 ConnectionLimits limits)
+    : base_(base), http_(http), limits_(std::move(limits)) {
+    sweepTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnSweep, this));
+    resumeTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnResume, this));
+    listener_ = evconnlistener_new(
+        base_, nullptr, nullptr, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, listener.Get());
+    if (!sweepTimer_ || !resumeTimer_ || listener_ == nullptr) {
+        if (listener_ != nullptr) evconnlistener_free(listener_);
+        throw std::runtime_error("cannot set up the listener");
+    }
+    listener.Release();  // the listener closes it
+    bound_ = evhttp_bind_listener(http_, listener_);
+    if (bound_ == nullptr) {
+        evconnlistener_free(listener_);
+        throw std::runtime_error("cannot accept on the listening socket");
+    }
+    evconnlistener_set_error_cb(listener_, &ConnectionGuard::OnAcceptError);
+    evhttp_set_bevcb(http_, &ConnectionGuard::OnNewConnection, this);
+    ScheduleSweep(kSweepInterval);
+}
+
+ConnectionGuard::~ConnectionGuard() {
+    evhttp_set_bevcb(http_, nullptr, nullptr);
+    // The engine still owns the open ones and frees them itself.
+    for (auto& [bev, connection] : connections_) bufferevent_decref(bev);
+}
+
+// The engine's hook for each accepted connection, before it has its socket.
+bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
+    auto& guard = *static_cast<ConnectionGuard*>(self);
+    bufferevent* bev = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    if (bev == nullptr) return nullptr;
+    bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
+    Connection& connection = guard.connections_[bev];
+    connection.deadline = Clock::now() + guard.limits_.headerTimeout;
+    guard.UpdateAccepting();
+    guard.ScheduleSweep(kBusySweepInterval);
+    return bev;
+}
+
+ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
+    evhttp_connection* connection = evhttp_request_get_connection(request);
+    if (connection == nullptr) return nullptr;
+    auto found = connections_.find(evhttp_connection_get_bufferevent(connection));
+    return found == connections_.end() ? nullptr : &found->second;
+}
+
+void ConnectionGuard::RequestArrived(evhttp_request* request) {
+    if (Connection* connection = Find(request)) connection->busy = true;
+}
+
+void ConnectionGuard::Answered(evhttp_request* request) {
+    if (Connection* connection = Find(request)) {
+        connection->busy = false;
+        connection->deadline = Clock::now() + limits_.keepAliveTimeout;
+    }
+}
+
+void ConnectionGuard::StopAccepting() {
+    stopped_ = true;
+    UpdateAccepting();
+}
+
+void ConnectionGuard::UpdateAccepting() {
+    full_ = connections_.size() >= limits_.maxConnections;
+    if (stopped_ || paused_ || full_) {
+        evconnlistener_disable(listener_);
+    } else {
+        evconnlistener_enable(listener_);
+    }
+}
+
+void ConnectionGuard::OnAcceptError(evconnlistener*, void* self) {
+    auto& guard = *static_cast<ConnectionGuard*>(self);
+    const int error = errno;
+    ++guard.acceptFailures_;
+    const Clock::time_point now = Clock::now();
+    if (now - guard.lastFailureReport_ >= kReportInterval) {
+        std::fprintf(stderr,
+                     "farlink-host: accepting failed %lu times (last: %s) with %zu connections "
+                     "open; pausing accepts\n",
+                     guard.acceptFailures_, std::strerror(error), guard.connections_.size());
+        guard.acceptFailures_ = 0;
+        guard.lastFailureReport_ = now;
+    }
+    guard.paused_ = true;
+    guard.UpdateAccepting();
+    const timeval pause = ToTimeval(kAcceptPause);
+    evtimer_add(guard.resumeTimer_.get(), &pause);
+}
+
+void ConnectionGuard::OnResume(evutil_socket_t, short, void* self) {
+    auto& guard = *static_cast<ConnectionGuard*>(self);
+    guard.paused_ = false;
+    guard.UpdateAccepting();
+}
+
+void ConnectionGuard::OnSweep(evutil_socket_t, short, void* self) {
+    static_cast<ConnectionGuard*>(self)->Sweep();
+}
+
+void ConnectionGuard::ScheduleSweep(std::chrono::milliseconds delay) {
+    const Clock::time_point due = Clock::now() + delay;
+    if (event_pending(sweepTimer_.get(), EV_TIMEOUT, nullptr) && nextSweep_ <= due) return;
+    nextSweep_ = due;
+    const timeval wait = ToTimeval(delay);
+    event_add(sweepTimer_.get(), &wait);
+}
+
+void ConnectionGuard::Sweep() {
+    const Clock::time_point now = Clock::now();
+    bool changed = false;
+    for (auto it = connections_.begin(); it != connections_.end();) {
+        if (Released(it->first, it->second)) {
+            it = connections_.erase(it);
+            changed = true;
+            continue;
+        }
+        changed |= Check(it->first, it->second, now);
+        ++it;
+    }
+    UpdateAccepting();
+    ScheduleSweep(changed ? kBusySweepInterval : kSweepInterval);
+}
+
+// The engine frees a connection's buffer event by clearing its callbacks and
+// dropping its reference; ours is then the last.
+bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
+    bufferevent_event_cb eventCallback = nullptr;
+    bufferevent_getcb(bev, nullptr, nullptr, &eventCallback, nullptr);
+    if (eventCallback != nullptr) return false;
+    if (!connection.address.empty()) {
+        auto count = perAddress_.find(connection.address);
+        if (count != perAddress_.end() && --count->second == 0) perAddress_.erase(count);
+    }
+    bufferevent_decref(bev);
+    return true;
+}
+
+bool ConnectionGuard::Check(bufferevent* bev, Connection& connection, Clock::time_point now) {
+    if (connection.cut) return false;
+    if (connection.address.empty()) {
+        connection.address = PeerAddress(bufferevent_getfd(bev));
+        const std::size_t count = ++perAddress_[connection.address];
+        if (count > limits_.perAddress &&
+            limits_.unlimitedAddresses.count(connection.address) == 0) {
+            Cut(bev, connection);
+            return true;
+        }
+    }
+    if (connection.busy || now <= connection.deadline) return false;
+    Cut(bev, connection);
+    return true;
+}
+
+// The engine sees the client leave, and frees the connection as usual.
+void ConnectionGuard::Cut(bufferevent* bev, Connection& connection) {
+    connection.cut = true;
+    shutdown(bufferevent_getfd(bev), SHUT_RDWR);
+}
+
+}  // namespace farlink::host

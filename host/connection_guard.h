@@ -1,0 +1,103 @@
+// Keeps the front's connections within bounds, so that a client who floods
+// the port with connections, or sends a request a byte at a time, cannot
+// take the host away from everybody else:
+// - at most `maxConnections` at once: at the cap the front stops accepting
+//   (the kernel's backlog holds the rest) until connections close;
+// - at most `perAddress` from one client address (addresses in
+//   `unlimitedAddresses` excepted);
+// - a connection must deliver a whole request within `headerTimeout` of its
+//   start, and the next one within `keepAliveTimeout` of its last answer,
+//   however slowly its bytes trickle in;
+// - a failing accept (out of descriptors) pauses accepting briefly instead
+//   of spinning, and is logged at most once per interval with a count.
+// The HTTP engine owns its connections; the guard holds a reference to each
+// one's buffer event, learns their ends from it, and ends a connection by
+// shutting its socket down, which the engine sees as the client leaving.
+#pragma once
+
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <event2/http.h>
+#include <event2/listener.h>
+#include <farlink/unique_fd.h>
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+namespace farlink::host {
+
+struct ConnectionLimits {
+    std::size_t maxConnections = 1024;
+    std::size_t perAddress = 64;
+    std::set<std::string> unlimitedAddresses;
+    std::chrono::seconds headerTimeout{10};
+    std::chrono::seconds keepAliveTimeout{15};
+};
+
+class ConnectionGuard {
+public:
+    // Accepts on `listener` for `http`; the engine owns the listener from
+    // here on. Throws std::runtime_error when libevent fails.
+    ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener, ConnectionLimits limits);
+    ~ConnectionGuard();
+    ConnectionGuard(const ConnectionGuard&) = delete;
+    ConnectionGuard& operator=(const ConnectionGuard&) = delete;
+
+    // A request has arrived whole on its connection / its answer is sent.
+    void RequestArrived(evhttp_request* request);
+    void Answered(evhttp_request* request);
+
+    // For an orderly stop: no new connections.
+    void StopAccepting();
+
+    std::size_t Open() const { return connections_.size(); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Connection {
+        Clock::time_point deadline;  // for a whole request, while not busy
+        bool busy = false;           // a request is being answered
+        bool cut = false;
+        std::string address;  // empty until learnt
+    };
+    struct EventDeleter {
+        void operator()(event* ev) const { event_free(ev); }
+    };
+
+    static bufferevent* OnNewConnection(event_base* base, void* self);
+    static void OnAcceptError(evconnlistener* listener, void* self);
+    static void OnSweep(evutil_socket_t, short, void* self);
+    static void OnResume(evutil_socket_t, short, void* self);
+
+    Connection* Find(evhttp_request* request);
+    void Sweep();
+    bool Released(bufferevent* bev, Connection& connection);
+    // True when it cut the connection.
+    bool Check(bufferevent* bev, Connection& connection, Clock::time_point now);
+    void ScheduleSweep(std::chrono::milliseconds delay);
+    static void Cut(bufferevent* bev, Connection& connection);
+    void UpdateAccepting();
+
+    event_base* base_;
+    evhttp* http_;
+    ConnectionLimits limits_;
+    evconnlistener* listener_ = nullptr;  // owned by http_ through bound_
+    evhttp_bound_socket* bound_ = nullptr;
+    std::unique_ptr<event, EventDeleter> sweepTimer_;
+    std::unique_ptr<event, EventDeleter> resumeTimer_;
+    std::unordered_map<bufferevent*, Connection> connections_;
+    std::map<std::string, std::size_t> perAddress_;
+    bool stopped_ = false;
+    bool paused_ = false;  // accept failed; waiting a moment
+    bool full_ = false;    // at the cap
+    unsigned long acceptFailures_ = 0;
+    Clock::time_point lastFailureReport_{};
+    Clock::time_point nextSweep_{};
+};
+
+}  // namespace farlink::host
