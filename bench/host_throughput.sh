@@ -13,7 +13,7 @@ build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-5}
 
 if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
-    exec "$root/world/farlink-box" --build "$build" --port 0 \
+    exec "$root/box/farlink-box" --build "$build" --port 0 \
         --run-dir "$build/box-runs/host-throughput" -- bash "$0" "$build" "$seconds"
 fi
 

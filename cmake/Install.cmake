@@ -79,7 +79,7 @@ install(TARGETS farlink-host RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPON
 install(TARGETS farlink-box-listen farlink-box-forward farlink-syslogd farlink-controlserver
                 orvorelayd-emu orvokivo-tool
         RUNTIME DESTINATION ${FARLINK_BOX_DIR}/bin COMPONENT host)
-install(PROGRAMS ${PROJECT_SOURCE_DIR}/world/farlink-box ${PROJECT_SOURCE_DIR}/world/box-init.sh
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/box/farlink-box ${PROJECT_SOURCE_DIR}/box/box-init.sh
         DESTINATION ${FARLINK_BOX_DIR} COMPONENT host)
 install(FILES ${CMAKE_BINARY_DIR}/deployment.env DESTINATION ${FARLINK_BOX_DIR} COMPONENT host)
 set(FARLINK_BOX_FULL_DIR ${CMAKE_INSTALL_PREFIX}/${FARLINK_BOX_DIR})

@@ -122,7 +122,7 @@ std::string BoxRunDir() { return Env("FARLINK_BOX_RUN_DIR"); }
 void BoxTest::SetUp() {
     ASSERT_FALSE(BoxRunDir().empty())
         << "BoxTest runs only inside the emulated box: start the program as "
-           "world/farlink-box -- <test program> (FARLINK_BOX_RUN_DIR is not set)";
+           "box/farlink-box -- <test program> (FARLINK_BOX_RUN_DIR is not set)";
     std::error_code ignored;
     // First: the controls a test left would shape the stop.
     fs::remove(kEmulationConf, ignored);

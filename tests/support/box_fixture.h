@@ -1,5 +1,5 @@
 // BoxTest: the GoogleTest fixture for test programs that run inside the
-// emulated box (`world/farlink-box -- <test program>`). It talks to the
+// emulated box (`box/farlink-box -- <test program>`). It talks to the
 // box's web API host, reads the box's system log and drives the emulated
 // platform's state files and the control server.
 //

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# PID 1 of the emulated box, started by world/farlink-box inside fresh mount,
+# PID 1 of the emulated box, started by box/farlink-box inside fresh mount,
 # network and PID namespaces with the machine's listening socket on fd 3.
 # Builds the box's file system, network and services, then waits for Ctrl-C
 # or runs the given command. On the way out it stops the services in reverse

@@ -8,9 +8,9 @@
 namespace farlink_test {
 namespace {
 
-using BoxWorldTest = BoxTest;
+using BoxFixtureTest = BoxTest;
 
-TEST_F(BoxWorldTest, SetUpRestoresFilesInPlace) {
+TEST_F(BoxFixtureTest, SetUpRestoresFilesInPlace) {
     const char* files[] = {"/usr/orvo/etc/orvorelayd/auth.conf", "/etc/orvoinfo.conf",
                            "/usr/orvo/etc/orvokivo/account.conf"};
     std::vector<std::string> before;

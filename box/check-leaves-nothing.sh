@@ -3,7 +3,7 @@
 # once running `true` (orderly stop), once killed with SIGKILL while it
 # waits. No mount, no process, no /usr/orvo, same /etc and /dev.
 #
-#   world/check-leaves-nothing.sh BUILD_DIR WORK_DIR
+#   box/check-leaves-nothing.sh BUILD_DIR WORK_DIR
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
