@@ -22,31 +22,25 @@ constexpr char kHostInfoFile[] = "/etc/orvoinfo.conf";
 constexpr char kFailoverKey[] = "farlink_enable_failover";
 constexpr int kApiKeyExpiredAction = 2;
 
+// Runs `orvorelayd --farlink <command>` as root; its failure is logged while
+// the section is still open, before the section's closing trace.
+int RunRelaydCommand(const char* command, const char* failure) {
+    int result = 0;
+    {
+        CriticalSection section(kLogSource, __LINE__);
+        if (OLIBCExec(kRelaydProgram, "--farlink", command, nullptr, nullptr) < 0) {
+            FARLINK_LOG("%s", failure);
+            result = -1;
+        }
+    }
+    return result;
+}
+
 }  // namespace
 
-int OrvorelaydServiceStart() {
-    int result = 0;
-    {
-        CriticalSection section(kLogSource, __LINE__);
-        if (OLIBCExec(kRelaydProgram, "--farlink", "on", nullptr, nullptr) < 0) {
-            FARLINK_LOG("fail to start farlink service");
-            result = -1;
-        }
-    }
-    return result;
-}
+int OrvorelaydServiceStart() { return RunRelaydCommand("on", "fail to start farlink service"); }
 
-int OrvorelaydServiceStop() {
-    int result = 0;
-    {
-        CriticalSection section(kLogSource, __LINE__);
-        if (OLIBCExec(kRelaydProgram, "--farlink", "off", nullptr, nullptr) < 0) {
-            FARLINK_LOG("fail to stop farlink service");
-            result = -1;
-        }
-    }
-    return result;
-}
+int OrvorelaydServiceStop() { return RunRelaydCommand("off", "fail to stop farlink service"); }
 
 bool OrvorelaydServiceIsEnabled() {
     char status[32];
