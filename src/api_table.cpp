@@ -43,16 +43,45 @@ const ORVO::APITableEntry grgTable[] = {
     {nullptr, 0, nullptr, nullptr},
 };
 
+using namespace ORVO::Relay;
+
 const ErrorCodePair grgRelayErrorCodeMap[18] = {
-    {0, 2908},  {8, 2905},  {5, 2905},  {6, 2902},  {7, 2902}, {10, 2903},
-    {12, 2903}, {13, 2903}, {14, 2903}, {30, 2910}, {9, 2900}, {15, 2909},
-    {11, 2900}, {1, 2900},  {2, 2900},  {3, 2900},  {4, 2900}, {kErrorMapEnd, 2900},
+    {RELAYD_OK, kApiSuccess},
+    {RELAYD_ERR_SERVER_BUSY, kApiErrAuthRefused},
+    {RELAYD_ERR_AUTH, kApiErrAuthRefused},
+    {RELAYD_ERR_RESOLVE, kApiErrNetwork},
+    {RELAYD_ERR_NETWORK, kApiErrNetwork},
+    {RELAYD_ERR_NOT_REGISTERED, kApiErrServiceRefused},
+    {RELAYD_ERR_TLS, kApiErrServiceRefused},
+    {RELAYD_ERR_SERVER_INTERNAL, kApiErrServiceRefused},
+    {RELAYD_ERR_UNSUPPORTED, kApiErrServiceRefused},
+    {RELAYD_ERR_VIOLATION, kApiErrViolation},
+    {RELAYD_ERR_BAD_RESPONSE, kApiErrFailed},
+    {RELAYD_ERR_APIKEY_EXPIRED, kApiErrAccountKey},
+    {RELAYD_ERR_TIMEOUT, kApiErrFailed},
+    {RELAYD_ERR_UNKNOWN, kApiErrFailed},
+    {RELAYD_ERR_INVALID_ARG, kApiErrFailed},
+    {RELAYD_ERR_CONFIG, kApiErrFailed},
+    {RELAYD_ERR_DAEMON, kApiErrFailed},
+    {kErrorMapEnd, kApiErrFailed},
 };
 
 const ErrorCodePair grgAliasErrorCodeMap[15] = {
-    {1, 2908},  {5, 2901},  {6, 2902},  {7, 2902},  {3, 2904},
-    {12, 2906}, {8, 2905},  {4, 2903},  {9, 2903},  {10, 2903},
-    {2, 2900},  {11, 2900}, {14, 2909}, {30, 2910}, {kErrorMapEnd, 2900},
+    {ALIAS_OK, kApiSuccess},
+    {ALIAS_ERR_PARAM, kApiErrInvalidParam},
+    {ALIAS_ERR_RESOLVE, kApiErrNetwork},
+    {ALIAS_ERR_NETWORK, kApiErrNetwork},
+    {ALIAS_ERR_TAKEN, kApiErrAliasTaken},
+    {ALIAS_ERR_ACCOUNT_UNVERIFIED, kApiErrAccountUnverified},
+    {ALIAS_ERR_AUTH, kApiErrAuthRefused},
+    {ALIAS_ERR_RESERVED, kApiErrServiceRefused},
+    {ALIAS_ERR_ACCOUNT_LIMIT, kApiErrServiceRefused},
+    {ALIAS_ERR_NOT_REGISTERED, kApiErrServiceRefused},
+    {ALIAS_ERR_UNKNOWN, kApiErrFailed},
+    {ALIAS_ERR_INTERNAL, kApiErrFailed},
+    {ALIAS_ERR_APIKEY_EXPIRED, kApiErrAccountKey},
+    {ALIAS_ERR_VIOLATION, kApiErrViolation},
+    {kErrorMapEnd, kApiErrFailed},
 };
 
 const ORVO::APITableEntry* GetAPITable() { return grgTable; }

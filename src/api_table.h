@@ -11,27 +11,32 @@
 
 // API error codes. kApiSuccess is the module's own success value: helpers and
 // the maps return it, handlers compare against it, and it is never sent as an
-// error.
+// error. 2903 to 2906 only pass on what the relay library's results mean;
+// their names say which results those are.
 constexpr int kApiErrFailed = 2900;
 constexpr int kApiErrInvalidParam = 2901;
 constexpr int kApiErrNetwork = 2902;
-constexpr int kApiErrRelay2903 = 2903;
-constexpr int kApiErrAlias2904 = 2904;
-constexpr int kApiErrRelay2905 = 2905;
-constexpr int kApiErrAlias2906 = 2906;
+constexpr int kApiErrServiceRefused = 2903;     // not registered, TLS, server errors, alias limits
+constexpr int kApiErrAliasTaken = 2904;         // another server holds the alias
+constexpr int kApiErrAuthRefused = 2905;        // credentials refused, or the server busy
+constexpr int kApiErrAccountUnverified = 2906;  // the account is not validated
 constexpr int kApiErrDnsCheck = 2907;
 constexpr int kApiSuccess = 2908;
 constexpr int kApiErrAccountKey = 2909;
 constexpr int kApiErrViolation = 2910;
 constexpr int kApiErrNotAvailable = 2911;
 
-// One translation pair; a pair whose `from` is kErrorMapEnd ends a map.
+// One translation pair; a pair whose `from` is kErrorMapEnd ends a map. The
+// maps are binary interface: the pairs are fixed numbers, written with the
+// relay library's names for them, and the load test checks them byte by
+// byte.
 struct ErrorCodePair {
     std::int32_t from;
     std::int32_t to;
 };
 static_assert(sizeof(ErrorCodePair) == 8, "map pairs are two 32-bit integers");
-constexpr std::int32_t kErrorMapEnd = 255;
+constexpr std::int32_t kErrorMapEnd = ORVO::Relay::RELAYD_RET_UNSET;
+static_assert(kErrorMapEnd == ORVO::Relay::ALIAS_RET_UNSET, "both maps end alike");
 
 extern "C" {
 FARLINK_EXPORT extern const ORVO::APITableEntry grgTable[];

@@ -16,7 +16,7 @@ constexpr char kSecondaryUrl[] = "http://" FARLINK_SECONDARY_CONTROL_HOST "/Serv
 
 void GetRegisterSite_v1(ORVO::APIRequest* /*request*/, ORVO::APIResponse* response) {
     Json::Value answer(Json::objectValue);
-    ORVO::Relay::RELAYD_RET ret = kRelayRetUnset;
+    ORVO::Relay::RELAYD_RET ret = ORVO::Relay::RELAYD_RET_UNSET;
     bool answered = GetRegisterSiteAPI(kPrimaryUrl, answer, ret);
     if (!answered && IsFailoverEnable()) {
         FARLINK_LOG("get register site fail, try %s", FARLINK_SECONDARY_CONTROL_HOST);

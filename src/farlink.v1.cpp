@@ -144,7 +144,7 @@ int SetServerAlias(const ORVO::APIRequest& request) {
     }
 
     ORVO::Relay::RelaydConf conf(kRelaydConfPath);
-    ORVO::Relay::RELAYD_RET ret = kRelayRetUnset;
+    ORVO::Relay::RELAYD_RET ret = ORVO::Relay::RELAYD_RET_UNSET;
     // Both records on one host: the register site has not been discovered.
     if (conf.serverControl.GetHost() == conf.serverGlobal.GetHost() &&
         !GetRegisterSite(conf, ret)) {

@@ -143,7 +143,7 @@ int ReadBoundAccount(BoundAccount& account) {
 // already has an ID keeps the register site it has, discovered or not.
 int EnsureServerId(ORVO::Relay::RelaydConf& conf) {
     if (!NeedsServerId()) return kApiSuccess;
-    ORVO::Relay::RELAYD_RET ret = kRelayRetUnset;
+    ORVO::Relay::RELAYD_RET ret = ORVO::Relay::RELAYD_RET_UNSET;
     if (!RegisterServerId(conf, ret)) {
         if (!IsFailoverEnable()) {
             FARLINK_LOG("Register serverid failed, failover to cn is disable");

@@ -1,5 +1,7 @@
 // What every handler does the same way: reading typed parameters and giving
-// the one answer.
+// the one answer. Nothing here logs under a source of its own: a helper
+// either returns the step that failed for the handler to log in its own
+// words, or logs at the source and line the handler passes in.
 #pragma once
 
 #include <orvo/relayd.h>

@@ -5,6 +5,9 @@
 
 #include <syslog.h>
 
+// The host utilities log under this one name, whichever file they live in.
+inline constexpr char kUtilsLogSource[] = "utils";
+
 // Ordinary lines, informational ones included, go out at error priority with
 // the default facility: the box's log filters keep nothing below it.
 #define FARLINK_LOG(fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, kLogSource, __LINE__, ##__VA_ARGS__)

@@ -8,10 +8,6 @@
 namespace {
 
 constexpr char kAliasPattern[] = R"(^[a-zA-Z][a-zA-Z0-9\-]*$)";
-constexpr ORVO::Relay::ALIAS_REQUEST_CMD kSetAliasCommand =
-    static_cast<ORVO::Relay::ALIAS_REQUEST_CMD>(1);
-constexpr ORVO::Relay::ALIAS_RET kAliasRetUnset = static_cast<ORVO::Relay::ALIAS_RET>(255);
-constexpr ORVO::Relay::ALIAS_RET kAliasApiKeyExpired = static_cast<ORVO::Relay::ALIAS_RET>(14);
 
 }  // namespace
 
@@ -42,15 +38,16 @@ Json::Value AliasRequestBody(const ORVO::Relay::RelaydConf& conf, bool force) {
 
 AliasResult RequestServerAlias(ORVO::Relay::RelaydConf& conf, const std::string& alias,
                                const Json::Value& body) {
-    AliasResult result{kApiErrFailed, AliasStop::kNone, kAliasRetUnset, std::string()};
+    AliasResult result{kApiErrFailed, AliasStop::kNone, ORVO::Relay::ALIAS_RET_UNSET,
+                       std::string()};
     ORVO::Relay::AliasRequest request;
-    if (!request.SetRequest(kSetAliasCommand, body)) {
+    if (!request.SetRequest(ORVO::Relay::ALIAS_REQUEST_SET, body)) {
         result.stop = AliasStop::kSetRequest;
         return result;
     }
     request.Send(result.outcome);
     // The cloud service learns of an expired key whatever the caller answers.
-    if (result.outcome == kAliasApiKeyExpired) HandleApiKeyExpired();
+    if (result.outcome == ORVO::Relay::ALIAS_ERR_APIKEY_EXPIRED) HandleApiKeyExpired();
     result.code = MapAliasErrorCode(result.outcome);
     request.ResponseToString(result.outcome, result.outcomeText);
     if (result.code != kApiSuccess) {

@@ -146,7 +146,7 @@ TEST_F(RegisterSiteTest, SiteAndServerIdAreStoredOnlyFromUsableAnswers) {
     };
     for (const auto& c : cases) {
         Fault("*", c.fault);
-        Ret ret = kRelayRetUnset;
+        Ret ret = ORVO::Relay::RELAYD_RET_UNSET;
         EXPECT_FALSE(AsHost([&] {
             return c.site ? GetRegisterSite(conf, ret) : RegisterServerId(conf, ret);
         })) << c.fault;
@@ -158,7 +158,7 @@ TEST_F(RegisterSiteTest, SiteAndServerIdAreStoredOnlyFromUsableAnswers) {
     EXPECT_EQ(CloudServiceActions(), std::vector<std::string>{"action 2"}) << "expired key only";
 
     ResetControlServer();
-    Ret siteRet = kRelayRetUnset, idRet = kRelayRetUnset;
+    Ret siteRet = ORVO::Relay::RELAYD_RET_UNSET, idRet = ORVO::Relay::RELAYD_RET_UNSET;
     ASSERT_TRUE(
         AsHost([&] { return GetRegisterSite(conf, siteRet) && RegisterServerId(conf, idRet); }));
     EXPECT_EQ(siteRet + idRet, 0);
@@ -193,7 +193,7 @@ TEST_F(RegisterSiteTest, Md5TextAndRequestsThatCannotBePrepared) {
     EXPECT_STREQ(out, "9e107d9d372bb6826bd81d3542a419d6");
 
     Json::Value response;
-    Ret ret = kRelayRetUnset;
+    Ret ret = ORVO::Relay::RELAYD_RET_UNSET;
     EXPECT_FALSE(GetRegisterSiteAPI("", response, ret));
     EXPECT_EQ(ret, 255) << "left alone";
     EXPECT_TRUE(ControlRecords().empty());
