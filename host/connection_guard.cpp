@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "event_time.h"
+
 namespace farlink::host {
 
 namespace {
@@ -23,11 +25,6 @@ constexpr std::chrono::milliseconds kBusySweepInterval{2};
 constexpr std::chrono::milliseconds kAcceptPause{250};
 // A failing accept is reported at most this often.
 constexpr std::chrono::seconds kReportInterval{10};
-
-timeval ToTimeval(std::chrono::milliseconds duration) {
-    return {static_cast<time_t>(duration.count() / 1000),
-            static_cast<suseconds_t>(duration.count() % 1000 * 1000)};
-}
 
 std::string PeerAddress(int fd) {
     sockaddr_storage peer{};

@@ -5,7 +5,6 @@
 #include <event2/http.h>
 #include <event2/keyvalq_struct.h>
 #include <farlink/file_io.h>
-#include <farlink/http_method.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -24,6 +23,7 @@
 #include "channel.h"
 #include "connection_guard.h"
 #include "control.h"
+#include "event_time.h"
 #include "router.h"
 #include "sessions.h"
 
@@ -54,54 +54,12 @@ constexpr ev_uint16_t kAllMethods = EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_RE
                                     EVHTTP_REQ_PUT | EVHTTP_REQ_DELETE | EVHTTP_REQ_OPTIONS |
                                     EVHTTP_REQ_TRACE | EVHTTP_REQ_CONNECT | EVHTTP_REQ_PATCH;
 
-std::string Header(evhttp_request* request, const char* name) {
-    const char* value = evhttp_find_header(evhttp_request_get_input_headers(request), name);
-    return value ? value : "";
-}
-
-std::string Peer(evhttp_request* request) {
-    char* address = nullptr;
-    ev_uint16_t port = 0;
-    evhttp_connection_get_peer(evhttp_request_get_connection(request), &address, &port);
-    std::string host = address ? address : "?";
-    if (host.find(':') != std::string::npos) host = "[" + host + "]";
-    return host + ":" + std::to_string(port);
-}
-
-HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
-    HttpExchange exchange;
-    exchange.client = Peer(request);
-    exchange.method = farlink::HttpMethodName(evhttp_request_get_command(request));
-    const evhttp_uri* uri = evhttp_request_get_evhttp_uri(request);
-    const char* path = uri ? evhttp_uri_get_path(uri) : nullptr;
-    const char* query = uri ? evhttp_uri_get_query(uri) : nullptr;
-    exchange.path = path ? path : "";
-    exchange.query = query ? query : "";
-    exchange.contentType = Header(request, "Content-Type");
-    exchange.cookie = Header(request, "Cookie");
-
-    evbuffer* input = evhttp_request_get_input_buffer(request);
-    std::size_t length = evbuffer_get_length(input);
-    if (length > maxBody) {
-        exchange.bodyTooLarge = true;
-    } else {
-        exchange.body.resize(length);
-        evbuffer_copyout(input, exchange.body.data(), length);
-    }
-    return exchange;
-}
-
 // The HTTP engine refuses bodies beyond its own limit with a bare 413 and
 // without reading them. It is set above ours so that a body a little too
 // large still gets our JSON answer, while a huge one is never buffered.
 ev_ssize_t EngineBodyLimit(std::size_t maxBody) {
     constexpr std::size_t kSlack = 64 * 1024;
     return static_cast<ev_ssize_t>(maxBody + std::max(maxBody, kSlack));
-}
-
-timeval ToTimeval(std::chrono::milliseconds duration) {
-    return {static_cast<time_t>(duration.count() / 1000),
-            static_cast<suseconds_t>(duration.count() % 1000 * 1000)};
 }
 
 Router::Answer HostFailure(int status, HostError error, const std::string& call,

@@ -2,9 +2,12 @@
 // that decides the answer.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
+
+struct evhttp_request;
 
 namespace farlink::host {
 
@@ -18,6 +21,10 @@ struct HttpExchange {
     std::string body;    // empty when bodyTooLarge
     bool bodyTooLarge = false;
 };
+
+// What the front reads of a request from the HTTP engine: a body larger
+// than `maxBody` is not copied, only flagged.
+HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody);
 
 struct HttpReply {
     int status = 200;

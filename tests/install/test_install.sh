@@ -83,7 +83,10 @@ expect() {
 
 check_example() {
     local how=$1 module=$2
-    ldd "$module" | grep -Eq 'libwebapi-OVM5.so.1 => /(usr/)?lib/' || fail "$how: not linked to the installed kit"
+    # Read whole before matching: grep -q leaving early would break the pipe.
+    local libraries
+    libraries=$(ldd "$module")
+    grep -Eq 'libwebapi-OVM5.so.1 => /(usr/)?lib/' <<<"$libraries" || fail "$how: not linked to the installed kit"
     start_host "$module"
     expect "$how greet" "$(call Example.Hello 1 greet --data-urlencode name=box)" \
         '{"data":{"greeting":"hello, box"},"success":true}'
