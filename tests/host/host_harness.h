@@ -115,22 +115,55 @@ inline std::vector<std::string> Serving(const std::string& module,
     return WithModule(module, more);
 }
 
+struct Session {
+    std::string sid;
+    std::string token;
+};
+
+// A login to the host at `baseUrl`: its answer.
+inline farlink_test::HttpResult Login(const std::string& baseUrl, const std::string& password,
+                                      const std::string& sourceAddress = "") {
+    farlink_test::HttpRequest login;
+    login.method = "POST";
+    login.url = baseUrl + "/webapi/auth.cgi";
+    login.contentType = "application/x-www-form-urlencoded";
+    login.body = "account=admin&passwd=" + farlink_test::UrlEscape(password);
+    login.sourceAddress = sourceAddress;
+    return farlink_test::Fetch(login);
+}
+
+inline Session SessionOf(const farlink_test::HttpResult& login) {
+    return {login.json["data"]["sid"].asString(), login.json["data"]["token"].asString()};
+}
+
 // A fresh session of `host` (password "pw").
-inline std::string LoggedIn(const HostProcess& host) {
-    return farlink_test::Fetch("POST", host.BaseUrl() + "/webapi/auth.cgi",
-                               "application/x-www-form-urlencoded", "account=admin&passwd=pw")
-        .json["data"]["sid"]
-        .asString();
+inline Session LoggedIn(const HostProcess& host) { return SessionOf(Login(host.BaseUrl(), "pw")); }
+
+// A request in `session` as a browser page makes it: the cookie and the
+// anti-forgery header.
+inline farlink_test::HttpRequest InSession(const Session& session, const std::string& method,
+                                           const std::string& url,
+                                           const std::string& contentType = "",
+                                           const std::string& body = "") {
+    farlink_test::HttpRequest request;
+    request.method = method;
+    request.url = url;
+    request.contentType = contentType;
+    request.body = body;
+    request.cookie = "id=" + session.sid;
+    request.headers = {"X-Farlink-Token: " + session.token};
+    return request;
 }
 
 // Logs in to `host` and calls Test.Host `method` (with its query, if any).
 inline farlink_test::HttpResult LoggedInCall(const HostProcess& host, const std::string& method) {
-    return farlink_test::Fetch(
-        "GET", host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method, "",
-        "", "id=" + LoggedIn(host));
+    return farlink_test::Fetch(InSession(
+        LoggedIn(host), "GET",
+        host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method));
 }
 
 using farlink_test::Fetch;
+using farlink_test::HttpRequest;
 using farlink_test::HttpResult;
 using farlink_test::ParseJson;
 using farlink_test::ReadFile;

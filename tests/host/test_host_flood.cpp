@@ -93,17 +93,16 @@ struct Weather {
 // Calls the host as a signed-in client every 250 ms for `seconds`; `tick`
 // runs after each call.
 template <typename Tick>
-Weather Watch(HostProcess& host, const std::string& session, int seconds, Tick tick) {
+Weather Watch(HostProcess& host, const Session& session, int seconds, Tick tick) {
     Weather weather;
     const std::size_t logBefore = host.StderrText().size();
     const long cpuBefore = HostCpuTicks(host.Pid());
     const Clock::time_point start = Clock::now();
     while (Clock::now() - start < std::chrono::seconds(seconds)) {
         const Clock::time_point asked = Clock::now();
-        const HttpResult answer =
-            Fetch("GET",
-                  host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=succeed_empty",
-                  "", "", session);
+        const HttpResult answer = Fetch(InSession(
+            session, "GET",
+            host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=succeed_empty"));
         weather.slowest =
             std::max(weather.slowest,
                      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - asked));
@@ -135,7 +134,7 @@ TEST(HostFlood, IdleSlowAndSpreadFloodsCannotTakeTheHostAway) {
         /*asNobody=*/false, /*openFiles=*/1024);
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     const int port = PortOf(host.BaseUrl());
-    const std::string session = "id=" + LoggedIn(host);
+    const Session session = LoggedIn(host);
 
     // 1,500 idle connections from one address, and a request sent a byte
     // at a time from another.
