@@ -21,12 +21,12 @@ namespace farlink::host {
 
 struct ApiReply {
     Json::Value envelope;
-    std::string body;        // the envelope as sent, when a worker made it
-    std::string call = "-";  // "api/version/method", for the access log
-    std::string result;      // "ok" or "error=N"
-    int answers = 0;         // how often the handler answered
-    int error = 0;           // the host's own error code, when it refused
-    std::string newSession;  // set by a successful login
+    std::string body;                    // the envelope as sent, when a worker made it
+    std::string call = "-";              // "api/version/method", for the access log
+    std::string result;                  // "ok" or "error=N"
+    int answers = 0;                     // how often the handler answered
+    int error = 0;                       // the host's own error code, when it refused
+    std::string newSession;              // set by a successful login
     bool endedSession = false;           // by a logout
     std::chrono::seconds retryAfter{0};  // for a throttled login
 };

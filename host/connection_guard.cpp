@@ -73,8 +73,9 @@ ConnectionGuard::~ConnectionGuard() {
 // The engine's hook for each accepted connection, before it has its socket.
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
-    bufferevent* bev = guard.tls_ != nullptr ? NewTlsBufferEvent(base, guard.tls_)
-                                             : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    bufferevent* bev = guard.tls_ != nullptr
+                           ? NewTlsBufferEvent(base, guard.tls_)
+                           : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
     Connection& connection = guard.connections_[bev];

@@ -98,9 +98,9 @@ public:
         event_add(stopEvents_[0].get(), nullptr);
         event_add(stopEvents_[1].get(), nullptr);
         ConfigureEngine();
-        guard_ = std::make_unique<ConnectionGuard>(base_.get(), http_.get(),
-                                                   std::move(setup.listener),
-                                                   ConnectionLimitsOf(options_), tls_.get());
+        guard_ =
+            std::make_unique<ConnectionGuard>(base_.get(), http_.get(), std::move(setup.listener),
+                                              ConnectionLimitsOf(options_), tls_.get());
         for (WorkerLink& link : setup.workers) AddWorker(std::move(link));
     }
 

@@ -31,7 +31,7 @@ struct FrontSetup {
     const Options* options = nullptr;
     ServiceIds ids;
     UniqueFd listener;
-    TlsContext tls;  // empty: plain HTTP
+    TlsContext tls;      // empty: plain HTTP
     UniqueFd accessLog;  // empty: stderr
     std::vector<RowName> rows;
     std::vector<WorkerLink> workers;

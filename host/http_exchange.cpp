@@ -33,8 +33,8 @@ void SetPeer(evhttp_request* request, HttpExchange& exchange) {
     evhttp_connection_get_peer(evhttp_request_get_connection(request), &address, &port);
     exchange.address = address ? address : "?";
     const bool v6 = exchange.address.find(':') != std::string::npos;
-    exchange.client = (v6 ? "[" + exchange.address + "]" : exchange.address) + ":" +
-                      std::to_string(port);
+    exchange.client =
+        (v6 ? "[" + exchange.address + "]" : exchange.address) + ":" + std::to_string(port);
 }
 
 }  // namespace

@@ -18,9 +18,9 @@ constexpr char kJsonContentType[] = "application/json; charset=utf-8";
 struct HttpExchange {
     std::string client;   // "ADDR:PORT"
     std::string address;  // ADDR alone
-    std::string method;  // "GET", "POST", ...
-    std::string path;    // as sent, without the query
-    std::string query;   // as sent, still encoded
+    std::string method;   // "GET", "POST", ...
+    std::string path;     // as sent, without the query
+    std::string query;    // as sent, still encoded
     std::string contentType;
     std::string cookie;  // the Cookie header
     std::string token;   // the token header; empty when missing or sent more than once

@@ -142,7 +142,8 @@ Options ParseOptions(const std::vector<std::string>& args) {
         {"--tls-key", [&](auto&, auto& v) { options.tlsKey = v; }},
         {"--session-idle-timeout",
          [&](auto& o, auto& v) {
-             options.sessionIdleTimeout = std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
+             options.sessionIdleTimeout =
+                 std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
          }},
         {"--session-lifetime",
          [&](auto& o, auto& v) {

@@ -18,13 +18,19 @@ constexpr int kTooManyRequests = 429;
 // The HTTP status of the host's own refusals; the others are 200.
 int StatusOf(const ApiReply& reply) {
     switch (static_cast<HostError>(reply.error)) {
-        case HostError::kNoSuchEndpoint: return kNotFound;
+        case HostError::kNoSuchEndpoint:
+            return kNotFound;
         case HostError::kMethodNotAllowed:
-        case HostError::kLoginNotPost: return kMethodNotAllowed;
-        case HostError::kRequestTooLarge: return kPayloadTooLarge;
-        case HostError::kBadToken: return kForbidden;
-        case HostError::kTooManyLogins: return kTooManyRequests;
-        default: return 200;
+        case HostError::kLoginNotPost:
+            return kMethodNotAllowed;
+        case HostError::kRequestTooLarge:
+            return kPayloadTooLarge;
+        case HostError::kBadToken:
+            return kForbidden;
+        case HostError::kTooManyLogins:
+            return kTooManyRequests;
+        default:
+            return 200;
     }
 }
 
@@ -81,18 +87,18 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
 
 Router::Answer Router::Auth(const HttpExchange& exchange, const RequestParams& params) {
     const auto method = params.own.find("method");
-    ApiReply reply =
-        method != params.own.end() && method->second == ApiService::kLogoutMethod
-            ? service_.Logout(params, {CookieValue(exchange.cookie, kSessionCookie), exchange.token})
-            : service_.Login(params, exchange.address);
+    ApiReply reply = method != params.own.end() && method->second == ApiService::kLogoutMethod
+                         ? service_.Logout(params, {CookieValue(exchange.cookie, kSessionCookie),
+                                                    exchange.token})
+                         : service_.Login(params, exchange.address);
     return Answer{StatusOf(reply), std::move(reply)};
 }
 
 // SameSite=Strict: a browser leaves the cookie off requests that other
 // sites start, which the anti-forgery token would refuse anyway.
 std::string Router::SessionCookie(const std::string& value, const std::string& extra) const {
-    return std::string(kSessionCookie) + "=" + value + extra + "; HttpOnly; SameSite=Strict; Path=/" +
-           (secure_ ? "; Secure" : "");
+    return std::string(kSessionCookie) + "=" + value + extra +
+           "; HttpOnly; SameSite=Strict; Path=/" + (secure_ ? "; Secure" : "");
 }
 
 // An exception must not unwind through the event loop's C frames; whatever
