@@ -1,6 +1,7 @@
 #include "connection_guard.h"
 
 #include <arpa/inet.h>
+#include <farlink/tls_server.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -11,7 +12,6 @@
 #include <vector>
 
 #include "event_time.h"
-#include "tls.h"
 
 namespace farlink::host {
 
@@ -74,7 +74,7 @@ ConnectionGuard::~ConnectionGuard() {
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
     bufferevent* bev = guard.tls_ != nullptr
-                           ? NewTlsBufferEvent(base, guard.tls_)
+                           ? farlink::NewServerTlsBufferEvent(base, guard.tls_)
                            : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen

@@ -1,6 +1,5 @@
 #include "tls.h"
 
-#include <event2/bufferevent_ssl.h>
 #include <openssl/err.h>
 
 #include "startup_error.h"
@@ -39,21 +38,6 @@ TlsContext LoadTlsContext(const std::string& certificateFile, const std::string&
         throw StartupError("cannot use the TLS key " + keyFile + ": " + OpenSslReason());
     }
     return context;
-}
-
-bufferevent* NewTlsBufferEvent(event_base* base, SSL_CTX* context) {
-    SSL* ssl = SSL_new(context);
-    if (ssl == nullptr) return nullptr;
-    bufferevent* bev = bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
-                                                      BEV_OPT_CLOSE_ON_FREE);
-    if (bev == nullptr) {
-        SSL_free(ssl);
-        return nullptr;
-    }
-    // A client that just closes its socket after its answer is common and
-    // harmless here: every request is framed by HTTP, not by the TLS close.
-    bufferevent_openssl_set_allow_dirty_shutdown(bev, 1);
-    return bev;
 }
 
 }  // namespace farlink::host
