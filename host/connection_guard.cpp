@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <farlink/tls_server.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -92,8 +93,19 @@ ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
     return found == connections_.end() ? nullptr : &found->second;
 }
 
+// An answer leaves in more than one write (over TLS, in more than one
+// record); with Nagle's algorithm the later ones wait for the client's
+// delayed acknowledgement, some 40 ms per answer on a kept-alive connection.
 void ConnectionGuard::RequestArrived(evhttp_request* request) {
-    if (Connection* connection = Find(request)) connection->busy = true;
+    Connection* connection = Find(request);
+    if (connection == nullptr) return;
+    connection->busy = true;
+    if (!connection->noDelay) {
+        const int on = 1;
+        const int fd = bufferevent_getfd(
+            evhttp_connection_get_bufferevent(evhttp_request_get_connection(request)));
+        connection->noDelay = setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+    }
 }
 
 void ConnectionGuard::Answered(evhttp_request* request) {

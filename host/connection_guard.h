@@ -67,7 +67,8 @@ private:
         Clock::time_point deadline;  // for a whole request, while not busy
         bool busy = false;           // a request is being answered
         bool cut = false;
-        std::string address;  // empty until learnt
+        bool noDelay = false;  // TCP_NODELAY is set
+        std::string address;   // empty until learnt
     };
     struct EventDeleter {
         void operator()(event* ev) const { event_free(ev); }
