@@ -126,7 +126,7 @@ HttpReply Router::Finish(const HttpExchange& exchange, const Answer& answer, con
         reply.headers.emplace_back("Set-Cookie", SessionCookie("", "; Max-Age=0"));
     }
     if (answer.status == kMethodNotAllowed) {
-        const bool login = answer.api.error == CodeOf(HostError::kLoginNotPost);
+        const bool login = exchange.path == kAuthPath;
         reply.headers.emplace_back("Allow", login ? "POST" : "GET, POST");
     }
     if (answer.api.retryAfter.count() > 0) {
