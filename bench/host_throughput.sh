@@ -12,10 +12,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-5}
 
-if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
-    exec "$root/box/farlink-box" --build "$build" --port 0 \
-        --run-dir "$build/box-runs/host-throughput" -- bash "$0" "$build" "$seconds"
-fi
+# shellcheck source=bench/in_box.sh
+. "$root/bench/in_box.sh" host-throughput "$build" "$seconds"
 
 command -v wrk >/dev/null || { echo "host_throughput: wrk is missing" >&2; exit 1; }
 url=https://127.0.0.1:8080/webapi

@@ -13,10 +13,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-60}
 
-if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
-    exec "$root/box/farlink-box" --build "$build" --port 0 \
-        --run-dir "$build/box-runs/host-web-security" -- bash "$0" "$build" "$seconds"
-fi
+# shellcheck source=bench/in_box.sh
+. "$root/bench/in_box.sh" host-web-security "$build" "$seconds"
 
 url=$FARLINK_BOX_URL/webapi
 password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
