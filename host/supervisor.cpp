@@ -134,9 +134,10 @@ private:
         if (pid < 0) throw StartupError("fork: " + ErrnoText());
         if (pid == 0) {
             // Only the channel goes along: not the listening socket, the
-            // access log or another worker's channel.
+            // access log, the TLS key or another worker's channel.
             if (dup3(theirs.Get(), 3, O_CLOEXEC) < 0) _exit(EXIT_FAILURE);
             close_range(4, ~0u, 0);
+            tls_.reset();
             RunWorker(options_.modulePath, ids_, 3);
         }
         const std::uint32_t id = nextWorkerId_++;
@@ -221,6 +222,7 @@ private:
         }
         // The front holds these now.
         listener_.fd.Reset();
+        tls_.reset();
         accessLog_.Reset();
         links_.clear();
         frontEnd.Reset();
@@ -235,8 +237,8 @@ private:
             KillAll();
             throw StartupError("the front did not start");
         }
-        std::printf("farlink-host: listening on %s://%s\n", tls_ ? "https" : "http",
-                    listener_.address.c_str());
+        std::printf("farlink-host: listening on %s://%s\n",
+                    options_.tlsCertificate.empty() ? "http" : "https", listener_.address.c_str());
         std::fflush(stdout);
     }
 
@@ -345,7 +347,7 @@ private:
     UniqueFd accessLog_;
     ServiceIds ids_;
     ListenSocket listener_;
-    TlsContext tls_;  // read while root; the front gets it
+    TlsContext tls_;  // read while root; the front takes it, nobody else keeps it
     PidFile pidFile_;
     UniqueFd signals_;
     UniqueFd control_;
