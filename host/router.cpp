@@ -39,6 +39,10 @@ Router::Answer Refusal(HostError error) {
     return {StatusOf(reply), std::move(reply)};
 }
 
+Credentials CredentialsOf(const HttpExchange& exchange) {
+    return {CookieValue(exchange.cookie, kSessionCookie), exchange.token};
+}
+
 std::string Trim(const std::string& text) {
     std::size_t begin = text.find_first_not_of(" \t");
     if (begin == std::string::npos) return "";
@@ -77,8 +81,7 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
                       isAuth ? ApiService::kAuthNames : ApiService::kCallNames);
     if (!collected.params) return Refusal(HostError::kMalformedRequest);
     if (isAuth) return Auth(exchange, *collected.params);
-    auto routed = service_.Route(*collected.params,
-                                 {CookieValue(exchange.cookie, kSessionCookie), exchange.token});
+    auto routed = service_.Route(*collected.params, CredentialsOf(exchange));
     if (auto* reply = std::get_if<ApiReply>(&routed)) {
         return Answer{StatusOf(*reply), std::move(*reply)};
     }
@@ -88,8 +91,7 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
 Router::Answer Router::Auth(const HttpExchange& exchange, const RequestParams& params) {
     const auto method = params.own.find("method");
     ApiReply reply = method != params.own.end() && method->second == ApiService::kLogoutMethod
-                         ? service_.Logout(params, {CookieValue(exchange.cookie, kSessionCookie),
-                                                    exchange.token})
+                         ? service_.Logout(params, CredentialsOf(exchange))
                          : service_.Login(params, exchange.address);
     return Answer{StatusOf(reply), std::move(reply)};
 }
