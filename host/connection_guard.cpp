@@ -1,7 +1,9 @@
 #include "connection_guard.h"
 
 #include <arpa/inet.h>
+#include <farlink/tls_server.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -42,8 +44,8 @@ std::string PeerAddress(int fd) {
 }  // namespace
 
 ConnectionGuard::ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener,
-                                 ConnectionLimits limits)
-    : base_(base), http_(http), limits_(std::move(limits)) {
+                                 ConnectionLimits limits, SSL_CTX* tls)
+    : base_(base), http_(http), limits_(std::move(limits)), tls_(tls) {
     sweepTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnSweep, this));
     resumeTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnResume, this));
     listener_ = evconnlistener_new(
@@ -72,7 +74,9 @@ ConnectionGuard::~ConnectionGuard() {
 // The engine's hook for each accepted connection, before it has its socket.
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
-    bufferevent* bev = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    bufferevent* bev = guard.tls_ != nullptr
+                           ? farlink::NewServerTlsBufferEvent(base, guard.tls_)
+                           : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
     Connection& connection = guard.connections_[bev];
@@ -89,8 +93,19 @@ ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
     return found == connections_.end() ? nullptr : &found->second;
 }
 
+// An answer leaves in more than one write (over TLS, in more than one
+// record); with Nagle's algorithm the later ones wait for the client's
+// delayed acknowledgement, some 40 ms per answer on a kept-alive connection.
 void ConnectionGuard::RequestArrived(evhttp_request* request) {
-    if (Connection* connection = Find(request)) connection->busy = true;
+    Connection* connection = Find(request);
+    if (connection == nullptr) return;
+    connection->busy = true;
+    if (!connection->noDelay) {
+        const int on = 1;
+        const int fd = bufferevent_getfd(
+            evhttp_connection_get_bufferevent(evhttp_request_get_connection(request)));
+        connection->noDelay = setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+    }
 }
 
 void ConnectionGuard::Answered(evhttp_request* request) {

@@ -28,6 +28,7 @@
 #include "listen_socket.h"
 #include "privileges.h"
 #include "startup_error.h"
+#include "tls.h"
 #include "worker.h"
 
 namespace farlink::host {
@@ -101,6 +102,9 @@ public:
           ids_(LookupServiceUser(options.user)),
           listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
                                      : BindListenSocket(*options.listenAddress)),
+          tls_(options.tlsCertificate.empty()
+                   ? TlsContext()
+                   : LoadTlsContext(options.tlsCertificate, options.tlsKey)),
           pidFile_(options.pidFile),
           signals_(SignalFd()) {}
 
@@ -130,9 +134,10 @@ private:
         if (pid < 0) throw StartupError("fork: " + ErrnoText());
         if (pid == 0) {
             // Only the channel goes along: not the listening socket, the
-            // access log or another worker's channel.
+            // access log, the TLS key or another worker's channel.
             if (dup3(theirs.Get(), 3, O_CLOEXEC) < 0) _exit(EXIT_FAILURE);
             close_range(4, ~0u, 0);
+            tls_.reset();
             RunWorker(options_.modulePath, ids_, 3);
         }
         const std::uint32_t id = nextWorkerId_++;
@@ -208,6 +213,7 @@ private:
             setup.options = &options_;
             setup.ids = ids_;
             setup.listener = std::move(listener_.fd);
+            setup.tls = std::move(tls_);
             setup.accessLog = std::move(accessLog_);
             setup.rows = rows_;
             setup.workers = std::move(links_);
@@ -216,6 +222,7 @@ private:
         }
         // The front holds these now.
         listener_.fd.Reset();
+        tls_.reset();
         accessLog_.Reset();
         links_.clear();
         frontEnd.Reset();
@@ -230,7 +237,8 @@ private:
             KillAll();
             throw StartupError("the front did not start");
         }
-        std::printf("farlink-host: listening on http://%s\n", listener_.address.c_str());
+        std::printf("farlink-host: listening on %s://%s\n",
+                    options_.tlsCertificate.empty() ? "http" : "https", listener_.address.c_str());
         std::fflush(stdout);
     }
 
@@ -339,6 +347,7 @@ private:
     UniqueFd accessLog_;
     ServiceIds ids_;
     ListenSocket listener_;
+    TlsContext tls_;  // read while root; the front takes it, nobody else keeps it
     PidFile pidFile_;
     UniqueFd signals_;
     UniqueFd control_;
