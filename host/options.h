@@ -31,6 +31,7 @@ struct Options {
     std::size_t maxBody = 1024 * 1024;
     std::string pidFile;
     std::chrono::seconds requestTimeout{30};
+    std::string webRoot;  // the admin page's files; empty: none served
 };
 
 // Throws StartupError naming the first problem. Reads --password-file.
