@@ -260,7 +260,8 @@ private:
         log_.Write({exchange.client, exchange.method, exchange.path, file.status, "-", "ok",
                     std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started),
                     "ids-ok", 0});
-        Send(request, HttpReply{file.status, std::move(file.body),
+        Send(request, HttpReply{file.status,
+                                std::move(file.body),
                                 {{"Content-Type", std::move(file.contentType)}}});
     }
 

@@ -1,12 +1,12 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <fstream>
 #include <functional>
 #include <limits>
 #include <map>
-
-#include <sys/stat.h>
 
 #include "startup_error.h"
 

@@ -24,8 +24,9 @@ constexpr char kApiPrefix[] = "/webapi/";
 // system.
 bool IsPlainName(const std::string& name) {
     return !name.empty() && name[0] != '.' &&
-           name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-                                  "0123456789._-") == std::string::npos;
+           name.find_first_not_of(
+               "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+               "0123456789._-") == std::string::npos;
 }
 
 // "/a/b.css" -> {"a", "b.css"}; "/" -> {"index.html"}; nothing when a
@@ -77,7 +78,8 @@ std::optional<std::string> ReadRegularFile(int fd) {
 }
 
 bool EndsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 }  // namespace
