@@ -260,9 +260,11 @@ private:
         log_.Write({exchange.client, exchange.method, exchange.path, file.status, "-", "ok",
                     std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started),
                     "ids-ok", 0});
-        Send(request, HttpReply{file.status,
-                                std::move(file.body),
-                                {{"Content-Type", std::move(file.contentType)}}});
+        HttpReply reply;
+        reply.status = file.status;
+        reply.body = std::move(file.body);
+        reply.headers.emplace_back("Content-Type", std::move(file.contentType));
+        Send(request, reply);
     }
 
     // Not called for a connection that breaks while its reply is written:

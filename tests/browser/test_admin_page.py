@@ -31,6 +31,8 @@ SERVICES_CONF = "/usr/orvo/etc/orvorelayd/services.conf"
 RELAYD_PID = "/usr/orvo/var/run/orvorelayd.pid"
 # Every call in the box answers within a few seconds unless a fault delays it.
 SETTLE_SECONDS = 20
+# The control server's client gives up after 30 s.
+SILENCE_SECONDS = 45
 CHROMIUM_FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
                   "--disable-background-networking", "--disable-component-update",
                   "--disable-sync", "--no-first-run", "--window-size=1100,2600"]
@@ -102,9 +104,9 @@ class AdminPage(unittest.TestCase):
     def find(self, css):
         return self.browser.find_element(By.CSS_SELECTOR, css)
 
-    def until(self, condition, what):
+    def until(self, condition, what, seconds=SETTLE_SECONDS):
         try:
-            return WebDriverWait(self.browser, SETTLE_SECONDS).until(lambda _: condition())
+            return WebDriverWait(self.browser, seconds).until(lambda _: condition())
         except TimeoutException:
             self.shot("failed-" + self._testMethodName)
             self.fail(f"the page did not show {what}")
@@ -112,8 +114,8 @@ class AdminPage(unittest.TestCase):
     def outcome(self, name):
         return self.find(f'[data-for="{name}"]').text
 
-    def until_outcome(self, name, text):
-        self.until(lambda: text in self.outcome(name), f"'{text}' in {name}")
+    def until_outcome(self, name, text, seconds=SETTLE_SECONDS):
+        self.until(lambda: text in self.outcome(name), f"'{text}' in {name}", seconds)
         return self.outcome(name)
 
     def shot(self, name):
@@ -230,7 +232,36 @@ class AdminPage(unittest.TestCase):
         self.assertEqual(self.browser.find_elements(By.CSS_SELECTOR, "#services b"), [])
         self.shot("services")
 
-    def test_6_reference_covers_the_table_and_the_real_answers(self):
+    def test_6_failures_end_in_sentences(self):
+        self.ensure_signed_in()
+        # The control server silent for its client's whole 30 s: the progress
+        # ends in the sentence for a network failure.
+        control("/control/fault", {"command": "set_alias", "mode": "silent", "count": 1})
+        self.bind("quietbox", "alice@example.test", "secret-pw1")
+        self.assertTrue(self.find("#alias-progress").is_displayed())
+        self.until_outcome("alias", "A network failure", seconds=SILENCE_SECONDS)
+        self.assertFalse(self.find("#alias-progress").is_displayed())
+        # The network down between the browser and the box.
+        self.offline(True)
+        try:
+            self.find("#status-refresh").click()
+            self.until_outcome("status", "The box cannot be reached")
+            self.shot("failures")
+        finally:
+            self.offline(False)
+        # The session gone, as after a restart of the host: sign in again.
+        self.browser.delete_all_cookies()
+        self.browser.execute_script("sessionStorage.clear()")
+        self.find("#status-refresh").click()
+        self.until(lambda: self.find("#sign-in").is_displayed(), "the sign-in form")
+        self.assertIn("Sign in again.", self.find("#page-message").text)
+
+    def offline(self, offline):
+        self.browser.execute_cdp_cmd("Network.enable", {})
+        self.browser.execute_cdp_cmd("Network.emulateNetworkConditions", {
+            "offline": offline, "latency": 0, "downloadThroughput": -1, "uploadThroughput": -1})
+
+    def test_7_reference_covers_the_table_and_the_real_answers(self):
         self.browser.get(URL + "/reference.html")
         self.until(lambda: len(self.browser.find_elements(By.CSS_SELECTOR, "article.row")) > 0,
                    "the reference's rows")
@@ -265,7 +296,7 @@ class AdminPage(unittest.TestCase):
             checked += 1
         self.assertGreaterEqual(checked, 10)
 
-    def test_7_sign_out_ends_the_session(self):
+    def test_8_sign_out_ends_the_session(self):
         self.ensure_signed_in()
         token = self.browser.execute_script("return sessionStorage.getItem('farlink-token')")
         self.find("#sign-out").click()
