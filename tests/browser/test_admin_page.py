@@ -29,6 +29,7 @@ SOURCE_DIR = os.environ["FARLINK_SOURCE_DIR"]
 SHOTS = os.environ.get("FARLINK_UI_SHOTS", os.path.join(RUN_DIR, "screenshots"))
 SERVICES_CONF = "/usr/orvo/etc/orvorelayd/services.conf"
 RELAYD_PID = "/usr/orvo/var/run/orvorelayd.pid"
+RESOLV_CONF = "/etc/resolv.conf"
 # Every call in the box answers within a few seconds unless a fault delays it.
 SETTLE_SECONDS = 20
 # The control server's client gives up after 30 s.
@@ -241,6 +242,17 @@ class AdminPage(unittest.TestCase):
         self.assertTrue(self.find("#alias-progress").is_displayed())
         self.until_outcome("alias", "A network failure", seconds=SILENCE_SECONDS)
         self.assertFalse(self.find("#alias-progress").is_displayed())
+        # No name server answers: the status says what 2907 means.
+        with open(RESOLV_CONF) as file:
+            resolver = file.read()
+        try:
+            with open(RESOLV_CONF, "w") as file:  # in place: the box binds this file
+                file.write(f"nameserver {os.environ['FARLINK_BOX_SILENT_NAMESERVER']}\n")
+            self.find("#status-refresh").click()
+            self.until_outcome("status", "The box cannot resolve the control server's name")
+        finally:
+            with open(RESOLV_CONF, "w") as file:
+                file.write(resolver)
         # The network down between the browser and the box.
         self.offline(True)
         try:
