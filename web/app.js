@@ -160,7 +160,10 @@ async function refreshSettings() {
     for (const key of ["server_alias", "server_id", "kivo_account", "domain", "ddns_domain", "region"]) {
       $(`info-${key}`).textContent = show(current[key]);
     }
+    // The relay settings' own account is shown only where it differs.
+    const differs = first.kivo_account !== current.kivo_account;
     $("info-v1-kivo_account").textContent = show(first.kivo_account);
+    $("info-v1-label").hidden = $("info-v1-kivo_account").hidden = !differs;
     $("relay-enabled").checked = current.enabled === true;
     say("settings", "ok", "");
   } catch (error) {
