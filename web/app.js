@@ -100,6 +100,7 @@ function showAdmin() {
   $("page-message").hidden = true;
   $("admin").hidden = false;
   $("sign-out").hidden = false;
+  $("relay-title").focus(); // keyboard users start at the first section
   refreshAll();
 }
 

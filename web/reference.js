@@ -81,8 +81,7 @@ function render(document) {
     $("endpoints").append(element("h3", `POST ${path}`), element("p", operation.summary),
       element("p", operation.description));
   }
-  const variants = document.paths["/webapi/entry.cgi"].post.requestBody.content[
-    "application/x-www-form-urlencoded"].schema.oneOf;
+  const variants = document.components.schemas.EntryCall.oneOf;
   $("rows").append(...variants.map((variant) => rowEntry(document, variant, codes)));
   for (const entry of document["x-error-codes"]) {
     const row = element("tr", undefined, { id: `code-${entry.code}` });

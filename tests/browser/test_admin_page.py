@@ -290,8 +290,9 @@ class AdminPage(unittest.TestCase):
             document = json.loads(answer.read())
         headers, login = post_json(URL + "/webapi/auth.cgi", {"account": "admin", "passwd": password()})
         session = {"_sid": login["data"]["sid"]}
-        variants = document["paths"]["/webapi/entry.cgi"]["post"]["requestBody"]["content"][
-            "application/x-www-form-urlencoded"]["schema"]["oneOf"]
+        variants = document["components"]["schemas"]["EntryCall"]["oneOf"]
+        for schema in [*document["components"]["schemas"].values(), *(v["x-result"] for v in variants)]:
+            jsonschema.Draft202012Validator.check_schema(schema)
         calls = {"ORVO.Core.Farlink.Hostname/1/get_ip": {"hostname": "both.farlink.test"},
                  "ORVO.Core.Farlink.Upnp/1/set": {"enabled": False}}
         checked = 0
