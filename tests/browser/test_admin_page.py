@@ -89,6 +89,7 @@ class AdminPage(unittest.TestCase):
         for flag in CHROMIUM_FLAGS + [f"--user-data-dir={cls.profile.name}"]:
             options.add_argument(flag)
         options.set_capability("acceptInsecureCerts", True)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         cls.browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
         cls.browser.set_script_timeout(SETTLE_SECONDS)
 
@@ -99,6 +100,13 @@ class AdminPage(unittest.TestCase):
 
     def setUp(self):
         control("/control/reset")
+
+    # A script error or a breach of the host's content-security policy breaks
+    # the page even where the scenario's checks pass.
+    def tearDown(self):
+        broken = [entry["message"] for entry in self.browser.get_log("browser")
+                  if "Uncaught" in entry["message"] or "Content Security Policy" in entry["message"]]
+        self.assertEqual(broken, [])
 
     # --- the page ---------------------------------------------------------------
 
