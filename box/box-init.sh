@@ -249,11 +249,14 @@ start_services() {
     # under a checking tool.
     local -a wrapper
     read -r -a wrapper <<<"${FARLINK_BOX_HOST_WRAPPER:-}"
+    # The admin page, when the build (or the installed box) has it.
+    local -a web=()
+    [ -d "$build/web-root" ] && web=(--web-root "$build/web-root")
     start_service host "$bin/farlink-box-listen" --fd 3 "127.0.0.1:$host_port" -- \
         "${wrapper[@]}" "$bin/farlink-host" --module "$build/lib/libwebapi-ORVO.Core.Farlink.so" \
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
         --tls-cert "$scratch/host.pem" --tls-key "$scratch/host.key" \
-        --access-log "$run/access.log" --pid-file "$run/host.pid"
+        --access-log "$run/access.log" --pid-file "$run/host.pid" "${web[@]}"
     wait_ready host log_says host "listening on"
 
     # Connections to the machine's 127.0.0.1:PORT come in here.
@@ -290,7 +293,8 @@ on_exit() {
 announce() {
     cat >&2 <<EOF
 farlink-box: ready
-  web API   https://127.0.0.1:$outer_port/webapi/  (inside the box: port $host_port)
+  open      https://127.0.0.1:$outer_port/  (the admin page; inside the box: port $host_port)
+  web API   https://127.0.0.1:$outer_port/webapi/
   login     account admin, password $password
   CA        $run/ca.pem  (curl --cacert $run/ca.pem ...)
   logs      $run

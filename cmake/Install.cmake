@@ -74,6 +74,10 @@ install(TARGETS farlink LIBRARY DESTINATION ${FARLINK_MODULE_DIR} COMPONENT modu
 # --- the host, the emulated programs and the box ------------------------------
 
 install(TARGETS farlink-host RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT host)
+# The admin page and the API reference, for farlink-host --web-root.
+set(FARLINK_WEB_ROOT "${CMAKE_INSTALL_DATADIR}/farlink-host/web" CACHE STRING
+    "Where the admin page is installed, relative to the prefix")
+install(FILES ${FARLINK_WEB_SOURCES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT host)
 # The box is a tree of the shape the launcher expects of a build directory
 # (bin/, lib/, deployment.env), so that one launcher serves both.
 install(TARGETS farlink-box-listen farlink-box-forward farlink-syslogd farlink-controlserver
@@ -86,11 +90,13 @@ set(FARLINK_BOX_FULL_DIR ${CMAKE_INSTALL_PREFIX}/${FARLINK_BOX_DIR})
 file(RELATIVE_PATH box_host ${FARLINK_BOX_FULL_DIR}/bin ${CMAKE_INSTALL_FULL_SBINDIR}/farlink-host)
 file(RELATIVE_PATH box_module ${FARLINK_BOX_FULL_DIR}/lib
      ${CMAKE_INSTALL_PREFIX}/${FARLINK_MODULE_DIR}/libwebapi-ORVO.Core.Farlink.so)
+file(RELATIVE_PATH box_web ${FARLINK_BOX_FULL_DIR} ${CMAKE_INSTALL_PREFIX}/${FARLINK_WEB_ROOT})
 install(CODE "
   set(box \"\$ENV{DESTDIR}${FARLINK_BOX_FULL_DIR}\")
   file(MAKE_DIRECTORY \"\${box}/lib\")
   file(CREATE_LINK ${box_host} \"\${box}/bin/farlink-host\" SYMBOLIC)
-  file(CREATE_LINK ${box_module} \"\${box}/lib/libwebapi-ORVO.Core.Farlink.so\" SYMBOLIC)"
+  file(CREATE_LINK ${box_module} \"\${box}/lib/libwebapi-ORVO.Core.Farlink.so\" SYMBOLIC)
+  file(CREATE_LINK ${box_web} \"\${box}/web-root\" SYMBOLIC)"
   COMPONENT host)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/farlink-box.in ${CMAKE_BINARY_DIR}/farlink-box-installed
                @ONLY)

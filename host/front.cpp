@@ -28,6 +28,7 @@
 #include "reply_headers.h"
 #include "router.h"
 #include "sessions.h"
+#include "static_files.h"
 
 namespace farlink::host {
 
@@ -81,6 +82,7 @@ public:
           table_(ApiTable::FromNames(setup.rows)),
           service_(table_, sessions_, throttle_, options_.password),
           router_(service_, log_, setup.tls != nullptr),
+          pages_(options_.webRoot.empty() ? StaticFiles() : StaticFiles(options_.webRoot)),
           control_(std::move(setup.control)),
           tls_(std::move(setup.tls)) {
         base_.reset(event_base_new());
@@ -198,6 +200,12 @@ private:
         const Clock::time_point started = Clock::now();
         guard_->RequestArrived(request);
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
+        if (StaticFiles::Claims(exchange.method, exchange.path)) {
+            if (std::optional<StaticFile> file = pages_.Find(exchange.path)) {
+                SendFile(request, exchange, std::move(*file), started);
+                return;
+            }
+        }
         auto decided = router_.Decide(exchange);
         if (auto* answer = std::get_if<Router::Answer>(&decided)) {
             Send(request, router_.Finish(exchange, *answer, "ids-ok", started));
@@ -257,6 +265,19 @@ private:
         ++repliesInFlight_;
         evhttp_request_set_on_complete_cb(request, &Front::OnReplyWritten, this);
         evhttp_send_reply(request, reply.status, nullptr, nullptr);
+    }
+
+    // The admin page's files need no session: they hold nothing of the box.
+    void SendFile(evhttp_request* request, const HttpExchange& exchange, StaticFile file,
+                  Clock::time_point started) {
+        log_.Write({exchange.client, exchange.method, exchange.path, file.status, "-", "ok",
+                    std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started),
+                    "ids-ok", 0});
+        HttpReply reply;
+        reply.status = file.status;
+        reply.body = std::move(file.body);
+        reply.contentType = std::move(file.contentType);
+        Send(request, reply);
     }
 
     // Not called for a connection that breaks while its reply is written:
@@ -481,6 +502,7 @@ private:
     ApiTable table_;
     ApiService service_;
     Router router_;
+    StaticFiles pages_;
     UniqueFd control_;
     TlsContext tls_;  // outlives the connections that use it
     // Declared in the order they must be released in reverse.

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <fstream>
 #include <functional>
@@ -74,6 +76,16 @@ void ResolvePassword(const PasswordSources& sources, Options& options) {
     }
 }
 
+// The front opens it later, with the service user's rights; a root that is
+// not even a directory is a mistake worth stopping for now.
+std::string CheckedWebRoot(const std::string& path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        throw StartupError("--web-root " + path + " is not a directory");
+    }
+    return path;
+}
+
 void CheckRequired(const Options& options) {
     if (options.modulePath.empty()) throw StartupError("--module is required");
     if (options.listenAddress && options.listenFd) {
@@ -134,6 +146,7 @@ Options ParseOptions(const std::vector<std::string>& args) {
         {"--max-body",
          [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
         {"--pid-file", [&](auto&, auto& v) { options.pidFile = v; }},
+        {"--web-root", [&](auto&, auto& v) { options.webRoot = CheckedWebRoot(v); }},
         {"--request-timeout",
          [&](auto& o, auto& v) {
              options.requestTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));

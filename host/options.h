@@ -37,6 +37,7 @@ struct Options {
     std::chrono::seconds sessionIdleTimeout{1800};
     std::chrono::seconds sessionLifetime{43200};
     std::size_t maxSessions = 1024;
+    std::string webRoot;  // the admin page's files; empty: none served
 };
 
 // Throws StartupError naming the first problem. Reads --password-file.

@@ -50,6 +50,8 @@ TEST(HostStartup, RefusesModulesItCannotServeAndBadOptions) {
         {Serving(module, {"--workers", "0"}), "--workers wants a number"},
         {Serving(module, {"--max-body", "12k"}), "--max-body wants a number"},
         {Serving(module, {"--bogus"}), "unknown option '--bogus'"},
+        {Serving(module, {"--web-root", "/nonexistent"}),
+         "--web-root /nonexistent is not a directory"},
         {Serving(module, {"--workers"}), "--workers needs a value"},
         {Serving(module, {"--user", "no-such-user"}), "no such user 'no-such-user'"},
         {Serving(module, {"--user", "root"}), "is root"},

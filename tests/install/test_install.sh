@@ -113,14 +113,18 @@ check_installed_farlink() {
 }
 
 # The installed box's launcher runs a box of its own (nested in this one)
-# from the installed tree.
+# from the installed tree, admin page included.
 check_installed_box() {
     /usr/sbin/farlink-box --port 0 --run-dir "$work/installed-box" -- \
-        sh -c 'for p in /proc/[0-9]*; do readlink -f $p/exe; done | grep farlink-host | sort -u' \
+        sh -c 'for p in /proc/[0-9]*; do readlink -f $p/exe; done | grep farlink-host | sort -u
+               curl -sf "$FARLINK_BOX_URL/" | grep -o "<title>Farlink relay</title>"
+               curl -sf "$FARLINK_BOX_URL/openapi.json" | grep -o "\"openapi\": \"3.1.0\""' \
         >"$work/box.out" 2>&1 ||
         { cat "$work/box.out"; fail "installed box"; }
     grep -qx /usr/sbin/farlink-host "$work/box.out" || { cat "$work/box.out"; fail "installed box runs another host"; }
-    echo "ok: installed box serves with /usr/sbin/farlink-host"
+    grep -q "<title>Farlink relay</title>" "$work/box.out" &&
+        grep -q '"openapi": "3.1.0"' "$work/box.out" || { cat "$work/box.out"; fail "installed box serves no admin page"; }
+    echo "ok: installed box serves with /usr/sbin/farlink-host, the admin page included"
 }
 
 throwaway_dpkg_database

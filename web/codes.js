@@ -1,0 +1,48 @@
+// What a code means to a person: the sentence and the way forward. The one
+// table lives in the API reference (openapi.json, x-error-codes), which the
+// reference page renders too; this module loads it once.
+
+const REFERENCE = "openapi.json";
+const LOAD_TIME_LIMIT_MS = 15000;
+
+let table = new Map();
+let loading = null;
+
+// Failures that never reached an answer: they have no code of their own.
+export const LOCAL = {
+  unreachable: {
+    sentence: "The box cannot be reached: the network is down or the host has stopped.",
+    next: "Check the connection to the box, then try again.",
+  },
+  timeout: {
+    sentence: "The box did not answer in time.",
+    next: "Try again; if it happens again, check the box's network connection.",
+  },
+  unreadable: {
+    sentence: "The box sent an answer the page cannot read.",
+    next: "Reload the page; if it happens again, the host may need a restart.",
+  },
+};
+
+export function loadCodes(fetchJson) {
+  if (!loading) {
+    loading = fetchJson(REFERENCE, LOAD_TIME_LIMIT_MS)
+      .then((document) => {
+        table = new Map(document["x-error-codes"].map((entry) => [entry.code, entry]));
+      })
+      .catch(() => {
+        loading = null; // asked again on the next failure
+      });
+  }
+  return loading;
+}
+
+// {sentence, next} for a code; a code the table lacks still gets words.
+export function describe(code) {
+  const entry = table.get(code);
+  if (entry) return { sentence: entry.sentence, next: entry.next };
+  return {
+    sentence: `The box answered with code ${code}.`,
+    next: "The reference (link at the top) lists the codes; reload the page to load their descriptions.",
+  };
+}
