@@ -18,20 +18,22 @@ if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
 fi
 
 command -v wrk >/dev/null || { echo "host_throughput: wrk is missing" >&2; exit 1; }
-url=http://127.0.0.1:8080/webapi
+url=https://127.0.0.1:8080/webapi
 password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
-sid=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi" |
-    sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
+login=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi")
+sid=$(printf '%s' "$login" | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
+token=$(printf '%s' "$login" | sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p')
 [ -n "$sid" ] || { echo "host_throughput: cannot log in" >&2; exit 1; }
 
 floor="$url/entry.cgi?api=Bench.Nothing&version=1&method=none"
 misc="$url/entry.cgi?api=ORVO.Core.Farlink&version=3&method=get_misc_config"
-curl -sf -b "id=$sid" "$misc" >/dev/null  # creates misc.conf
+curl -sf -b "id=$sid" -H "X-Farlink-Token: $token" "$misc" >/dev/null  # creates misc.conf
 
 # wrk's requests per second and its 50th and 99th latency percentiles.
 measure() {
     local connections=$1 target=$2 threads=$(( $1 < 2 ? 1 : 2 ))
-    wrk -t "$threads" -c "$connections" -d "${seconds}s" --latency -H "Cookie: id=$sid" "$target" |
+    wrk -t "$threads" -c "$connections" -d "${seconds}s" --latency -H "Cookie: id=$sid" \
+        -H "X-Farlink-Token: $token" "$target" |
         awk '/Requests\/sec/ {rps=$2} $1=="50%" {p50=$2} $1=="99%" {p99=$2}
              END {printf "%s %s %s", rps, p50, p99}'
 }

@@ -142,19 +142,29 @@ install_orvo() {
 
 # A CA made for this box only; its key never leaves the box's tmpfs. libcurl
 # in the box trusts it through the system bundle (in the /etc overlay).
+# It signs the control server's certificate and the web API host's; a
+# browser or curl outside the box trusts the host with run/ca.pem.
+new_ec_key=(-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes)
+
 make_tls() {
-    local ec=(-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes)
-    openssl req -x509 "${ec[@]}" -days 7 -subj "/CN=Farlink box CA" \
+    openssl req -x509 "${new_ec_key[@]}" -days 7 -subj "/CN=Farlink box CA" \
         -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign" \
         -keyout "$scratch/ca.key" -out "$run/ca.pem" 2>/dev/null
-    openssl req "${ec[@]}" -subj "/CN=farlink.test" \
-        -keyout "$scratch/server.key" -out "$scratch/server.csr" 2>/dev/null
-    openssl x509 -req -in "$scratch/server.csr" -days 7 -set_serial "0x$(random_hex 8)" \
-        -CA "$run/ca.pem" -CAkey "$scratch/ca.key" -out "$scratch/server.pem" 2>/dev/null \
-        -extfile <(printf '%s\n' \
-            "subjectAltName=DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN" \
-            "extendedKeyUsage=serverAuth")
+    issue_certificate server farlink.test \
+        "DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN"
+    issue_certificate host farlink-box "IP:127.0.0.1,IP:::1,DNS:localhost"
     cat "$run/ca.pem" >>/etc/ssl/certs/ca-certificates.crt
+}
+
+# issue_certificate NAME COMMON_NAME SUBJECT_ALT_NAMES: a server key and
+# certificate from the box's CA, as $scratch/NAME.key (root's only) and NAME.pem.
+issue_certificate() {
+    local name=$1 common_name=$2 alt_names=$3
+    (umask 077 && openssl req "${new_ec_key[@]}" -subj "/CN=$common_name" \
+        -keyout "$scratch/$name.key" -out "$scratch/$name.csr" 2>/dev/null)
+    openssl x509 -req -in "$scratch/$name.csr" -days 7 -set_serial "0x$(random_hex 8)" \
+        -CA "$run/ca.pem" -CAkey "$scratch/ca.key" -out "$scratch/$name.pem" 2>/dev/null \
+        -extfile <(printf '%s\n' "subjectAltName=$alt_names" "extendedKeyUsage=serverAuth")
 }
 
 # --- network ----------------------------------------------------------------
@@ -242,6 +252,7 @@ start_services() {
     start_service host "$bin/farlink-box-listen" --fd 3 "127.0.0.1:$host_port" -- \
         "${wrapper[@]}" "$bin/farlink-host" --module "$build/lib/libwebapi-ORVO.Core.Farlink.so" \
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
+        --tls-cert "$scratch/host.pem" --tls-key "$scratch/host.key" \
         --access-log "$run/access.log" --pid-file "$run/host.pid"
     wait_ready host log_says host "listening on"
 
@@ -279,15 +290,15 @@ on_exit() {
 announce() {
     cat >&2 <<EOF
 farlink-box: ready
-  web API   http://127.0.0.1:$outer_port/webapi/  (inside the box: port $host_port)
+  web API   https://127.0.0.1:$outer_port/webapi/  (inside the box: port $host_port)
   login     account admin, password $password
-  CA        $run/ca.pem
+  CA        $run/ca.pem  (curl --cacert $run/ca.pem ...)
   logs      $run
 EOF
 }
 
 export_box_environment() {
-    export FARLINK_BOX_URL=http://127.0.0.1:$host_port
+    export FARLINK_BOX_URL=https://127.0.0.1:$host_port
     export FARLINK_BOX_CONTROL_URL=http://127.0.0.1:8444
     export FARLINK_BOX_SERVICE_USER=$service_user
     export FARLINK_BOX_SILENT_NAMESERVER=$silent_nameserver

@@ -54,8 +54,9 @@ for ((tries = 0; tries < 300; tries++)); do
     sleep 0.1
 done
 grep -q 'farlink-box: ready' "$work/killed.out" || fail "box not ready within 30 s"
-url=$(grep -o 'http://127.0.0.1:[0-9]*/webapi/' "$work/killed.out")
-code=$(curl -s -o /dev/null --max-time 10 -w '%{http_code}' "${url}auth.cgi" || true)
+url=$(grep -o 'https://127.0.0.1:[0-9]*/webapi/' "$work/killed.out")
+code=$(curl -s -o /dev/null --max-time 10 -w '%{http_code}' --cacert "$work/killed/ca.pem" \
+    "${url}auth.cgi" || true)
 [ "$code" != 000 ] || fail "the host is not reachable from the machine at $url"
 kill -KILL "$launcher"
 wait "$launcher" 2>/dev/null || true

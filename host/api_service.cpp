@@ -9,7 +9,7 @@
 
 namespace farlink::host {
 
-const std::set<std::string> ApiService::kLoginNames = {"account", "passwd"};
+const std::set<std::string> ApiService::kAuthNames = {"account", "passwd", "method", "_sid"};
 const std::set<std::string> ApiService::kCallNames = {"api", "version", "method", "_sid"};
 
 namespace {
@@ -51,15 +51,24 @@ ApiReply ErrorReply(int code) {
     return reply;
 }
 
+ApiReply SuccessReply(const Json::Value& data) {
+    ApiReply reply;
+    reply.envelope = SuccessEnvelope(data);
+    reply.result = "ok";
+    return reply;
+}
+
+// In constant time for equal lengths: an answer's timing must not tell how
+// much of a guess was right.
+bool SameSecret(const std::string& given, const std::string& expected) {
+    return !expected.empty() && given.size() == expected.size() &&
+           CRYPTO_memcmp(given.data(), expected.data(), given.size()) == 0;
+}
+
 ApiReply ReplyFromAnswer(const ORVO::APIResponse& response) {
     if (!response.IsAnswered()) return ErrorReply(CodeOf(HostError::kNoAnswer));
-    ApiReply reply;
-    if (response.IsSuccess()) {
-        reply.envelope = SuccessEnvelope(response.GetData());
-        reply.result = "ok";
-    } else {
-        reply = ErrorReply(response.GetErrorCode());
-    }
+    ApiReply reply = response.IsSuccess() ? SuccessReply(response.GetData())
+                                          : ErrorReply(response.GetErrorCode());
     reply.answers = response.AnswerCount();
     return reply;
 }
@@ -78,26 +87,58 @@ std::string EnvelopeText(const Json::Value& envelope) {
     return text.str();
 }
 
-ApiReply ApiService::Failure(HostError error) { return ErrorReply(CodeOf(error)); }
-
-bool ApiService::PasswordMatches(const std::string& given) const {
-    return given.size() == adminPassword_.size() &&
-           CRYPTO_memcmp(given.data(), adminPassword_.data(), given.size()) == 0;
+ApiReply ApiService::Failure(HostError error) {
+    ApiReply reply = ErrorReply(CodeOf(error));
+    reply.error = CodeOf(error);
+    return reply;
 }
 
-ApiReply ApiService::Login(const RequestParams& request) {
-    if (Own(request, "account") != kAdminAccount || !PasswordMatches(Own(request, "passwd"))) {
+// While the address must wait the password is not even compared, so that
+// waiting cannot be skipped by guessing faster.
+ApiReply ApiService::Login(const RequestParams& request, const std::string& address) {
+    if (const std::chrono::seconds wait = throttle_.Wait(address); wait.count() > 0) {
+        ApiReply reply = Failure(HostError::kTooManyLogins);
+        reply.retryAfter = wait;
+        return reply;
+    }
+    if (Own(request, "account") != kAdminAccount ||
+        !SameSecret(Own(request, "passwd"), adminPassword_)) {
+        throttle_.Failed(address);
         return Failure(HostError::kBadLogin);
     }
-    std::optional<std::string> session = sessions_.Create();
+    throttle_.Succeeded(address);
+    std::optional<Session> session = sessions_.Create();
     if (!session) return Failure(HostError::kUnknown);
 
     Json::Value data(Json::objectValue);
-    data["sid"] = *session;
-    ApiReply reply;
-    reply.envelope = SuccessEnvelope(data);
-    reply.result = "ok";
-    reply.newSession = *session;
+    data["sid"] = session->id;
+    data["token"] = session->token;
+    ApiReply reply = SuccessReply(data);
+    reply.newSession = session->id;
+    return reply;
+}
+
+// `_sid` names the session outright. A session that comes from the cookie
+// alone must show its token as well: a browser sends the cookie with any
+// request, whichever page made it, but only the page that logged in knows
+// the token.
+std::variant<ApiReply, std::string> ApiService::Authenticate(const RequestParams& request,
+                                                             const Credentials& credentials) {
+    const bool named = request.own.count("_sid") != 0;
+    const std::string id = named ? Own(request, "_sid") : credentials.cookieSession;
+    const std::optional<std::string> token = id.empty() ? std::nullopt : sessions_.TokenOf(id);
+    if (!token) return Failure(HostError::kNotLoggedIn);
+    if (!named && !SameSecret(credentials.token, *token)) return Failure(HostError::kBadToken);
+    sessions_.Touch(id);
+    return id;
+}
+
+ApiReply ApiService::Logout(const RequestParams& request, const Credentials& credentials) {
+    auto session = Authenticate(request, credentials);
+    if (auto* refused = std::get_if<ApiReply>(&session)) return std::move(*refused);
+    sessions_.End(std::get<std::string>(session));
+    ApiReply reply = SuccessReply(Json::Value());
+    reply.endedSession = true;
     return reply;
 }
 
@@ -106,9 +147,9 @@ std::string HandlerCall::Label() const {
 }
 
 std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& request,
-                                                      const std::string& cookieSession) const {
-    const std::string session = request.own.count("_sid") ? Own(request, "_sid") : cookieSession;
-    if (session.empty() || !sessions_.IsValid(session)) return Failure(HostError::kNotLoggedIn);
+                                                      const Credentials& credentials) {
+    auto session = Authenticate(request, credentials);
+    if (auto* refused = std::get_if<ApiReply>(&session)) return std::move(*refused);
 
     HandlerCall call;
     call.api = Own(request, "api");

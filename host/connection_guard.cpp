@@ -1,6 +1,7 @@
 #include "connection_guard.h"
 
 #include <arpa/inet.h>
+#include <farlink/tls_server.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -42,8 +43,8 @@ std::string PeerAddress(int fd) {
 }  // namespace
 
 ConnectionGuard::ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener,
-                                 ConnectionLimits limits)
-    : base_(base), http_(http), limits_(std::move(limits)) {
+                                 ConnectionLimits limits, SSL_CTX* tls)
+    : base_(base), http_(http), limits_(std::move(limits)), tls_(tls) {
     sweepTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnSweep, this));
     resumeTimer_.reset(evtimer_new(base_, &ConnectionGuard::OnResume, this));
     listener_ = evconnlistener_new(
@@ -72,7 +73,9 @@ ConnectionGuard::~ConnectionGuard() {
 // The engine's hook for each accepted connection, before it has its socket.
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
-    bufferevent* bev = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    bufferevent* bev = guard.tls_ != nullptr
+                           ? farlink::NewServerTlsBufferEvent(base, guard.tls_)
+                           : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
     Connection& connection = guard.connections_[bev];

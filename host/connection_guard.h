@@ -7,7 +7,8 @@
 //   `unlimitedAddresses` excepted);
 // - a connection must deliver a whole request within `headerTimeout` of its
 //   start, and the next one within `keepAliveTimeout` of its last answer,
-//   however slowly its bytes trickle in;
+//   however slowly its bytes trickle in (over TLS the handshake counts
+//   towards it, so a client that stalls in the handshake is cut too);
 // - a failing accept (out of descriptors) pauses accepting briefly instead
 //   of spinning, and is logged at most once per interval with a count.
 // The HTTP engine owns its connections; the guard holds a reference to each
@@ -20,6 +21,7 @@
 #include <event2/http.h>
 #include <event2/listener.h>
 #include <farlink/unique_fd.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
 #include <cstddef>
@@ -42,8 +44,10 @@ struct ConnectionLimits {
 class ConnectionGuard {
 public:
     // Accepts on `listener` for `http`; the engine owns the listener from
-    // here on. Throws std::runtime_error when libevent fails.
-    ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener, ConnectionLimits limits);
+    // here on. With `tls` (which must outlive the guard) every connection
+    // speaks TLS. Throws std::runtime_error when libevent fails.
+    ConnectionGuard(event_base* base, evhttp* http, UniqueFd listener, ConnectionLimits limits,
+                    SSL_CTX* tls = nullptr);
     ~ConnectionGuard();
     ConnectionGuard(const ConnectionGuard&) = delete;
     ConnectionGuard& operator=(const ConnectionGuard&) = delete;
@@ -86,6 +90,7 @@ private:
     event_base* base_;
     evhttp* http_;
     ConnectionLimits limits_;
+    SSL_CTX* tls_;
     evconnlistener* listener_ = nullptr;  // owned by http_ through bound_
     evhttp_bound_socket* bound_ = nullptr;
     std::unique_ptr<event, EventDeleter> sweepTimer_;

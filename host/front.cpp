@@ -24,6 +24,8 @@
 #include "connection_guard.h"
 #include "control.h"
 #include "event_time.h"
+#include "login_throttle.h"
+#include "reply_headers.h"
 #include "router.h"
 #include "sessions.h"
 
@@ -75,10 +77,12 @@ public:
     explicit Front(FrontSetup& setup)
         : options_(*setup.options),
           log_(std::move(setup.accessLog)),
+          sessions_(SessionLimitsOf(options_)),
           table_(ApiTable::FromNames(setup.rows)),
-          service_(table_, sessions_, options_.password),
-          router_(service_, log_),
-          control_(std::move(setup.control)) {
+          service_(table_, sessions_, throttle_, options_.password),
+          router_(service_, log_, setup.tls != nullptr),
+          control_(std::move(setup.control)),
+          tls_(std::move(setup.tls)) {
         base_.reset(event_base_new());
         if (!base_) Fail("cannot set up libevent");
         http_.reset(evhttp_new(base_.get()));
@@ -94,8 +98,9 @@ public:
         event_add(stopEvents_[0].get(), nullptr);
         event_add(stopEvents_[1].get(), nullptr);
         ConfigureEngine();
-        guard_ = std::make_unique<ConnectionGuard>(
-            base_.get(), http_.get(), std::move(setup.listener), ConnectionLimitsOf(options_));
+        guard_ =
+            std::make_unique<ConnectionGuard>(base_.get(), http_.get(), std::move(setup.listener),
+                                              ConnectionLimitsOf(options_), tls_.get());
         for (WorkerLink& link : setup.workers) AddWorker(std::move(link));
     }
 
@@ -168,6 +173,10 @@ private:
         return limits;
     }
 
+    static SessionLimits SessionLimitsOf(const Options& options) {
+        return {options.sessionIdleTimeout, options.sessionLifetime, options.maxSessions};
+    }
+
     void ConfigureEngine() {
         evhttp_set_max_body_size(http_.get(), EngineBodyLimit(options_.maxBody));
         evhttp_set_max_headers_size(http_.get(), 64 * 1024);
@@ -231,12 +240,16 @@ private:
         Forget(pending);
     }
 
+    // Every answer the front makes leaves through here.
     void Send(evhttp_request* request, const HttpReply& reply) {
         evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
         guard_->Answered(request);
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
-        for (const auto& [name, value] : reply.headers) {
-            evhttp_add_header(headers, name.c_str(), value.c_str());
+        evhttp_add_header(headers, "Content-Type", reply.contentType.c_str());
+        for (const HeaderList& list : {SafeHeaders(reply.contentType), reply.headers}) {
+            for (const auto& [name, value] : list) {
+                evhttp_add_header(headers, name.c_str(), value.c_str());
+            }
         }
         if (draining_) evhttp_add_header(headers, "Connection", "close");
         evbuffer* body = evhttp_request_get_output_buffer(request);
@@ -464,10 +477,12 @@ private:
     const Options& options_;
     AccessLog log_;
     SessionStore sessions_;
+    LoginThrottle throttle_;
     ApiTable table_;
     ApiService service_;
     Router router_;
     UniqueFd control_;
+    TlsContext tls_;  // outlives the connections that use it
     // Declared in the order they must be released in reverse.
     EventBasePtr base_;
     EvhttpPtr http_;

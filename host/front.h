@@ -16,6 +16,7 @@
 #include "api_table.h"
 #include "options.h"
 #include "privileges.h"
+#include "tls.h"
 
 namespace farlink::host {
 
@@ -30,6 +31,7 @@ struct FrontSetup {
     const Options* options = nullptr;
     ServiceIds ids;
     UniqueFd listener;
+    TlsContext tls;      // empty: plain HTTP
     UniqueFd accessLog;  // empty: stderr
     std::vector<RowName> rows;
     std::vector<WorkerLink> workers;

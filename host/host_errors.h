@@ -18,6 +18,9 @@ enum class HostError : int {
     kWorkerDied = 110,      // the worker running the handler died (signal, abort, exit)
     kHandlerTimeout = 111,  // the handler ran past --handler-timeout; its worker was killed
     kBusy = 112,            // too many requests waiting for a worker (HTTP 503)
+    kLoginNotPost = 113,    // a login must be a POST (HTTP 405)
+    kBadToken = 114,        // a cookie-only request without its session's token (HTTP 403)
+    kTooManyLogins = 115,   // too many failed logins from this address (HTTP 429)
     kBadLogin = 400,
 };
 

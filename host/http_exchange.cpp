@@ -3,6 +3,7 @@
 #include <event2/buffer.h>
 #include <event2/http.h>
 #include <event2/keyvalq_struct.h>
+#include <event2/util.h>
 #include <farlink/http_method.h>
 
 namespace farlink::host {
@@ -14,20 +15,33 @@ std::string Header(evhttp_request* request, const char* name) {
     return value ? value : "";
 }
 
-std::string Peer(evhttp_request* request) {
+// The value of a header that must come once; "" when missing or repeated.
+std::string SingleHeader(evhttp_request* request, const char* name) {
+    const char* value = nullptr;
+    for (const evkeyval* header = evhttp_request_get_input_headers(request)->tqh_first;
+         header != nullptr; header = header->next.tqe_next) {
+        if (evutil_ascii_strcasecmp(header->key, name) != 0) continue;
+        if (value != nullptr) return "";
+        value = header->value;
+    }
+    return value ? value : "";
+}
+
+void SetPeer(evhttp_request* request, HttpExchange& exchange) {
     char* address = nullptr;
     ev_uint16_t port = 0;
     evhttp_connection_get_peer(evhttp_request_get_connection(request), &address, &port);
-    std::string host = address ? address : "?";
-    if (host.find(':') != std::string::npos) host = "[" + host + "]";
-    return host + ":" + std::to_string(port);
+    exchange.address = address ? address : "?";
+    const bool v6 = exchange.address.find(':') != std::string::npos;
+    exchange.client =
+        (v6 ? "[" + exchange.address + "]" : exchange.address) + ":" + std::to_string(port);
 }
 
 }  // namespace
 
 HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
     HttpExchange exchange;
-    exchange.client = Peer(request);
+    SetPeer(request, exchange);
     exchange.method = farlink::HttpMethodName(evhttp_request_get_command(request));
     const evhttp_uri* uri = evhttp_request_get_evhttp_uri(request);
     const char* path = uri ? evhttp_uri_get_path(uri) : nullptr;
@@ -36,6 +50,7 @@ HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
     exchange.query = query ? query : "";
     exchange.contentType = Header(request, "Content-Type");
     exchange.cookie = Header(request, "Cookie");
+    exchange.token = SingleHeader(request, kTokenHeader);
 
     evbuffer* input = evhttp_request_get_input_buffer(request);
     std::size_t length = evbuffer_get_length(input);

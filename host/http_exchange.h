@@ -11,13 +11,19 @@ struct evhttp_request;
 
 namespace farlink::host {
 
+// The header that carries a session's anti-forgery token.
+constexpr char kTokenHeader[] = "X-Farlink-Token";
+constexpr char kJsonContentType[] = "application/json; charset=utf-8";
+
 struct HttpExchange {
-    std::string client;  // "ADDR:PORT"
-    std::string method;  // "GET", "POST", ...
-    std::string path;    // as sent, without the query
-    std::string query;   // as sent, still encoded
+    std::string client;   // "ADDR:PORT"
+    std::string address;  // ADDR alone
+    std::string method;   // "GET", "POST", ...
+    std::string path;     // as sent, without the query
+    std::string query;    // as sent, still encoded
     std::string contentType;
     std::string cookie;  // the Cookie header
+    std::string token;   // the token header; empty when missing or sent more than once
     std::string body;    // empty when bodyTooLarge
     bool bodyTooLarge = false;
 };
@@ -28,7 +34,9 @@ HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody);
 
 struct HttpReply {
     int status = 200;
+    std::string contentType = kJsonContentType;
     std::string body;
+    // Beyond the content type and the headers every answer gets.
     std::vector<std::pair<std::string, std::string>> headers;
 };
 

@@ -14,6 +14,8 @@ namespace {
 
 // Bodies are held in memory whole; more than this is no longer an API call.
 constexpr unsigned long long kMaxBodyLimit = 1ull << 30;
+// A session's idle time-out and lifetime: at most 30 days.
+constexpr unsigned long long kMaxSessionTime = 30ull * 24 * 3600;
 
 unsigned long long ParseNumber(const std::string& option, const std::string& text,
                                unsigned long long min, unsigned long long max) {
@@ -80,6 +82,9 @@ void CheckRequired(const Options& options) {
     if (!options.listenAddress && !options.listenFd) {
         throw StartupError("--listen or --listen-fd is required");
     }
+    if (options.tlsCertificate.empty() != options.tlsKey.empty()) {
+        throw StartupError("give both --tls-cert and --tls-key, or neither");
+    }
 }
 
 }  // namespace
@@ -133,6 +138,19 @@ Options ParseOptions(const std::vector<std::string>& args) {
          [&](auto& o, auto& v) {
              options.requestTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
          }},
+        {"--tls-cert", [&](auto&, auto& v) { options.tlsCertificate = v; }},
+        {"--tls-key", [&](auto&, auto& v) { options.tlsKey = v; }},
+        {"--session-idle-timeout",
+         [&](auto& o, auto& v) {
+             options.sessionIdleTimeout =
+                 std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
+         }},
+        {"--session-lifetime",
+         [&](auto& o, auto& v) {
+             options.sessionLifetime = std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
+         }},
+        {"--max-sessions",
+         [&](auto& o, auto& v) { options.maxSessions = ParseNumber(o, v, 1, 1u << 20); }},
     };
 
     for (std::size_t i = 0; i < args.size(); ++i) {

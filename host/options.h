@@ -31,6 +31,12 @@ struct Options {
     std::size_t maxBody = 1024 * 1024;
     std::string pidFile;
     std::chrono::seconds requestTimeout{30};
+    // TLS: both or neither; without them the host speaks plain HTTP.
+    std::string tlsCertificate;
+    std::string tlsKey;
+    std::chrono::seconds sessionIdleTimeout{1800};
+    std::chrono::seconds sessionLifetime{43200};
+    std::size_t maxSessions = 1024;
 };
 
 // Throws StartupError naming the first problem. Reads --password-file.

@@ -26,7 +26,9 @@ public:
         ApiReply api;
     };
 
-    Router(ApiService& service, const AccessLog& log) : service_(service), log_(log) {}
+    // `secure`: the host speaks TLS, so the session cookie is sent over it only.
+    Router(ApiService& service, const AccessLog& log, bool secure)
+        : service_(service), log_(log), secure_(secure) {}
 
     // The host's own answer, or the call that a worker must run.
     std::variant<Answer, HandlerCall> Decide(const HttpExchange& exchange);
@@ -38,9 +40,12 @@ public:
 
 private:
     std::variant<Answer, HandlerCall> Route(const HttpExchange& exchange);
+    Answer Auth(const HttpExchange& exchange, const RequestParams& params);
+    std::string SessionCookie(const std::string& value, const std::string& extra) const;
 
     ApiService& service_;
     const AccessLog& log_;
+    const bool secure_;
 };
 
 }  // namespace farlink::host

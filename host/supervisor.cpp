@@ -28,6 +28,7 @@
 #include "listen_socket.h"
 #include "privileges.h"
 #include "startup_error.h"
+#include "tls.h"
 #include "worker.h"
 
 namespace farlink::host {
@@ -101,6 +102,9 @@ public:
           ids_(LookupServiceUser(options.user)),
           listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
                                      : BindListenSocket(*options.listenAddress)),
+          tls_(options.tlsCertificate.empty()
+                   ? TlsContext()
+                   : LoadTlsContext(options.tlsCertificate, options.tlsKey)),
           pidFile_(options.pidFile),
           signals_(SignalFd()) {}
 
@@ -208,6 +212,7 @@ private:
             setup.options = &options_;
             setup.ids = ids_;
             setup.listener = std::move(listener_.fd);
+            setup.tls = std::move(tls_);
             setup.accessLog = std::move(accessLog_);
             setup.rows = rows_;
             setup.workers = std::move(links_);
@@ -230,7 +235,8 @@ private:
             KillAll();
             throw StartupError("the front did not start");
         }
-        std::printf("farlink-host: listening on http://%s\n", listener_.address.c_str());
+        std::printf("farlink-host: listening on %s://%s\n", tls_ ? "https" : "http",
+                    listener_.address.c_str());
         std::fflush(stdout);
     }
 
@@ -339,6 +345,7 @@ private:
     UniqueFd accessLog_;
     ServiceIds ids_;
     ListenSocket listener_;
+    TlsContext tls_;  // read while root; the front gets it
     PidFile pidFile_;
     UniqueFd signals_;
     UniqueFd control_;

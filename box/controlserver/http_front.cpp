@@ -1,8 +1,8 @@
 #include "http_front.h"
 
-#include <event2/bufferevent_ssl.h>
 #include <event2/keyvalq_struct.h>
 #include <farlink/http_method.h>
+#include <farlink/tls_server.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -184,20 +184,7 @@ bool HttpFront::ListenControl(const std::string& address, int& port, std::string
 }
 
 bufferevent* HttpFront::NewTlsBufferevent(event_base* base, void* front) {
-    SSL* ssl = SSL_new(static_cast<HttpFront*>(front)->tls_);
-    if (ssl == nullptr) {
-        return nullptr;
-    }
-    // With BEV_OPT_CLOSE_ON_FREE the bufferevent frees the SSL object.
-    bufferevent* tls = bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
-                                                      BEV_OPT_CLOSE_ON_FREE);
-    if (tls == nullptr) {
-        SSL_free(ssl);
-        return nullptr;
-    }
-    // Clients that simply close after the answer are normal here.
-    bufferevent_openssl_set_allow_dirty_shutdown(tls, 1);
-    return tls;
+    return farlink::NewServerTlsBufferEvent(base, static_cast<HttpFront*>(front)->tls_);
 }
 
 void HttpFront::OnServiceRequest(evhttp_request* request, void* endpoint) {

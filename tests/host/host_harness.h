@@ -1,10 +1,13 @@
 // Runs farlink-host as a child process and talks HTTP to it.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,22 +118,87 @@ inline std::vector<std::string> Serving(const std::string& module,
     return WithModule(module, more);
 }
 
+struct Session {
+    std::string sid;
+    std::string token;
+};
+
+// A login to the host at `baseUrl`, as a form.
+inline farlink_test::HttpRequest LoginRequest(const std::string& baseUrl,
+                                              const std::string& password) {
+    farlink_test::HttpRequest login;
+    login.method = "POST";
+    login.url = baseUrl + "/webapi/auth.cgi";
+    login.contentType = "application/x-www-form-urlencoded";
+    login.body = "account=admin&passwd=" + farlink_test::UrlEscape(password);
+    return login;
+}
+
+inline farlink_test::HttpResult Login(const std::string& baseUrl, const std::string& password) {
+    return farlink_test::Fetch(LoginRequest(baseUrl, password));
+}
+
+inline Session SessionOf(const farlink_test::HttpResult& login) {
+    return {login.json["data"]["sid"].asString(), login.json["data"]["token"].asString()};
+}
+
 // A fresh session of `host` (password "pw").
-inline std::string LoggedIn(const HostProcess& host) {
-    return farlink_test::Fetch("POST", host.BaseUrl() + "/webapi/auth.cgi",
-                               "application/x-www-form-urlencoded", "account=admin&passwd=pw")
-        .json["data"]["sid"]
-        .asString();
+inline Session LoggedIn(const HostProcess& host) { return SessionOf(Login(host.BaseUrl(), "pw")); }
+
+// A request in `session` as a browser page makes it: the cookie and the
+// anti-forgery header.
+inline farlink_test::HttpRequest InSession(const Session& session, const std::string& method,
+                                           const std::string& url,
+                                           const std::string& contentType = "",
+                                           const std::string& body = "") {
+    farlink_test::HttpRequest request;
+    request.method = method;
+    request.url = url;
+    request.contentType = contentType;
+    request.body = body;
+    request.cookie = "id=" + session.sid;
+    request.headers = {"X-Farlink-Token: " + session.token};
+    return request;
 }
 
 // Logs in to `host` and calls Test.Host `method` (with its query, if any).
 inline farlink_test::HttpResult LoggedInCall(const HostProcess& host, const std::string& method) {
     return farlink_test::Fetch(
-        "GET", host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method, "",
-        "", "id=" + LoggedIn(host));
+        InSession(LoggedIn(host), "GET",
+                  host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=" + method));
+}
+
+inline int PortOf(const std::string& baseUrl) {
+    return std::stoi(baseUrl.substr(baseUrl.rfind(':') + 1));
+}
+
+// A connection to 127.0.0.1:port from `source` (a loopback address), not
+// waited for; -1 when no descriptor was had.
+inline int ConnectFrom(const std::string& source, int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in from{}, to{};
+    from.sin_family = to.sin_family = AF_INET;
+    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
+    inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd < 0) return -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+        (connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 && errno != EINPROGRESS)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Whether the host has closed the connection: end of file or a reset.
+inline bool ClosedByPeer(int fd) {
+    char byte;
+    const ssize_t got = recv(fd, &byte, 1, MSG_DONTWAIT);
+    return got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINPROGRESS);
 }
 
 using farlink_test::Fetch;
+using farlink_test::HttpRequest;
 using farlink_test::HttpResult;
 using farlink_test::ParseJson;
 using farlink_test::ReadFile;

@@ -18,30 +18,28 @@ protected:
             "--module", TEST_MODULE_PATH, "--listen", "127.0.0.1:0", "--password", "s3cret",
             "--max-body", std::to_string(kMaxBody)});
         ASSERT_TRUE(host_->WaitListening()) << host_->StderrText();
-        HttpResult login = Fetch("GET", Url("/webapi/auth.cgi?account=admin&passwd=s3cret"));
-        sid_ = login.json["data"]["sid"].asString();
+        session_ = SessionOf(Login(host_->BaseUrl(), "s3cret"));
     }
     static void TearDownTestSuite() { host_.reset(); }
 
     static std::string Url(const std::string& pathAndQuery) {
         return host_->BaseUrl() + pathAndQuery;
     }
-    static std::string Cookie() { return "id=" + sid_; }
-
-    // GET entry.cgi?query with the session cookie.
+    // GET entry.cgi?query in the session.
     static HttpResult Get(const std::string& query) {
-        return Fetch("GET", Url("/webapi/entry.cgi?" + query), "", "", Cookie());
+        return Fetch(InSession(session_, "GET", Url("/webapi/entry.cgi?" + query)));
     }
     static HttpResult Post(const std::string& contentType, const std::string& body,
                            const std::string& query = "") {
-        return Fetch("POST", Url("/webapi/entry.cgi" + query), contentType, body, Cookie());
+        return Fetch(
+            InSession(session_, "POST", Url("/webapi/entry.cgi" + query), contentType, body));
     }
     static HttpResult Call(const std::string& method) {
         return Get("api=Test.Host&version=1&method=" + method);
     }
 
     static inline std::unique_ptr<HostProcess> host_;
-    static inline std::string sid_;
+    static inline Session session_;
 };
 
 Json::Value ErrorEnvelope(int code) {
@@ -49,19 +47,23 @@ Json::Value ErrorEnvelope(int code) {
 }
 
 TEST_F(HostApi, LoginGivesASessionThatEntryRequires) {
-    EXPECT_EQ(sid_.size(), 32u);
-    EXPECT_EQ(sid_.find_first_not_of("0123456789abcdef"), std::string::npos) << sid_;
+    for (const std::string& secret : {session_.sid, session_.token}) {
+        EXPECT_EQ(secret.size(), 32u);
+        EXPECT_EQ(secret.find_first_not_of("0123456789abcdef"), std::string::npos) << secret;
+    }
+    // Every login has a fresh id; a JSON body does as well as a form.
+    HttpResult login = Fetch("POST", Url("/webapi/auth.cgi"), "application/json",
+                             R"({"account":"admin","passwd":"s3cret"})");
+    const Session other = SessionOf(login);
+    EXPECT_EQ(login.setCookie, "id=" + other.sid + "; HttpOnly; SameSite=Strict; Path=/");
+    EXPECT_NE(other.sid, session_.sid);
+    EXPECT_NE(other.token, session_.token);
 
-    HttpResult login = Fetch("POST", Url("/webapi/auth.cgi"), "application/x-www-form-urlencoded",
-                             "account=admin&passwd=s3cret");
-    const std::string other = login.json["data"]["sid"].asString();
-    EXPECT_EQ(login.setCookie, "id=" + other + "; HttpOnly; Path=/");
-    EXPECT_NE(other, sid_);
-
-    for (const std::string query : {"account=admin&passwd=wrong", "account=root&passwd=s3cret",
-                                    "account=admin", "passwd=s3cret&account=admin%20"}) {
-        SCOPED_TRACE(query);
-        HttpResult refused = Fetch("GET", Url("/webapi/auth.cgi?" + query));
+    for (const std::string body : {"account=admin&passwd=wrong", "account=root&passwd=s3cret",
+                                   "account=admin", "passwd=s3cret&account=admin%20"}) {
+        SCOPED_TRACE(body);
+        HttpResult refused =
+            Fetch("POST", Url("/webapi/auth.cgi"), "application/x-www-form-urlencoded", body);
         EXPECT_EQ(refused.status, 200);
         EXPECT_EQ(refused.json, ErrorEnvelope(400));
         EXPECT_EQ(refused.setCookie, "");
@@ -69,12 +71,11 @@ TEST_F(HostApi, LoginGivesASessionThatEntryRequires) {
 
     const std::string echo = "/webapi/entry.cgi?api=Test.Echo&version=1&method=echo";
     EXPECT_EQ(Fetch("GET", Url(echo)).json, ErrorEnvelope(105));
-    EXPECT_EQ(Fetch("GET", Url(echo), "", "", "id=0123456789abcdef0123456789abcdef").json,
-              ErrorEnvelope(105));
-    EXPECT_EQ(Fetch("GET", Url(echo), "", "", "lang=en; id=" + other + "; x=1").json["success"],
-              true);
+    HttpRequest withCookies = InSession(other, "GET", Url(echo));
+    withCookies.cookie = "lang=en; id=" + other.sid + "; x=1";
+    EXPECT_EQ(Fetch(withCookies).json["success"], true);
     // _sid stands in for the cookie and is not a handler parameter.
-    HttpResult bySid = Fetch("GET", Url(echo + "&_sid=" + other + "&x=1"));
+    HttpResult bySid = Fetch("GET", Url(echo + "&_sid=" + other.sid + "&x=1"));
     EXPECT_EQ(bySid.json["data"]["params"], ParseJson(R"({"x": 1})"));
 }
 
@@ -159,7 +160,7 @@ TEST_F(HostApi, RequestsTheModuleCannotServeGetHostErrors) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.method + " " + c.path + " " + c.body.substr(0, 60));
         const HttpResult result =
-            Fetch(c.method, Url("/webapi/" + c.path), c.type, c.body, Cookie());
+            Fetch(InSession(session_, c.method, Url("/webapi/" + c.path), c.type, c.body));
         EXPECT_EQ(result.status, c.status);
         EXPECT_EQ(result.json, ErrorEnvelope(c.code));
     }

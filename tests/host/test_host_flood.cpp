@@ -3,11 +3,8 @@
 // client that sends its request a byte at a time. A signed-in client keeps
 // being answered, the host neither spins nor floods its log, and it closes
 // what does not deliver a request in time.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,33 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using farlink_test::ChildrenNamed;
-
-int PortOf(const std::string& baseUrl) { return std::stoi(baseUrl.substr(baseUrl.rfind(':') + 1)); }
-
-// A connection to 127.0.0.1:port from `source` (a loopback address), not
-// waited for; -1 when no descriptor was had.
-int ConnectFrom(const std::string& source, int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_in from{}, to{};
-    from.sin_family = to.sin_family = AF_INET;
-    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
-    inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    if (fd < 0) return -1;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
-        (connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 && errno != EINPROGRESS)) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// Whether the host has closed the connection: end of file or a reset.
-bool ClosedByPeer(int fd) {
-    char byte;
-    const ssize_t got = recv(fd, &byte, 1, MSG_DONTWAIT);
-    return got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINPROGRESS);
-}
 
 std::size_t CountOpen(const std::vector<int>& fds) {
     std::size_t open = 0;
@@ -93,17 +63,16 @@ struct Weather {
 // Calls the host as a signed-in client every 250 ms for `seconds`; `tick`
 // runs after each call.
 template <typename Tick>
-Weather Watch(HostProcess& host, const std::string& session, int seconds, Tick tick) {
+Weather Watch(HostProcess& host, const Session& session, int seconds, Tick tick) {
     Weather weather;
     const std::size_t logBefore = host.StderrText().size();
     const long cpuBefore = HostCpuTicks(host.Pid());
     const Clock::time_point start = Clock::now();
     while (Clock::now() - start < std::chrono::seconds(seconds)) {
         const Clock::time_point asked = Clock::now();
-        const HttpResult answer =
-            Fetch("GET",
-                  host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=succeed_empty",
-                  "", "", session);
+        const HttpResult answer = Fetch(InSession(
+            session, "GET",
+            host.BaseUrl() + "/webapi/entry.cgi?api=Test.Host&version=1&method=succeed_empty"));
         weather.slowest =
             std::max(weather.slowest,
                      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - asked));
@@ -135,7 +104,7 @@ TEST(HostFlood, IdleSlowAndSpreadFloodsCannotTakeTheHostAway) {
         /*asNobody=*/false, /*openFiles=*/1024);
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     const int port = PortOf(host.BaseUrl());
-    const std::string session = "id=" + LoggedIn(host);
+    const Session session = LoggedIn(host);
 
     // 1,500 idle connections from one address, and a request sent a byte
     // at a time from another.

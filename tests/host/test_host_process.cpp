@@ -56,6 +56,10 @@ TEST(HostStartup, RefusesModulesItCannotServeAndBadOptions) {
         {WithModule(module, {"--listen", "127.0.0.1:0", "--password-file", "/nonexistent"}),
          "cannot read the password file"},
         {WithModule(module, {"--listen-fd", "200", "--password", "pw"}), "is not a socket"},
+        {Serving(module, {"--tls-cert", "/etc/hostname"}), "give both --tls-cert and --tls-key"},
+        {Serving(module, {"--tls-cert", "/nonexistent", "--tls-key", "/nonexistent"}),
+         "cannot use the TLS certificate /nonexistent"},
+        {Serving(module, {"--session-lifetime", "0"}), "--session-lifetime wants a number"},
     };
     for (const auto& [args, reason] : cases) {
         SCOPED_TRACE(reason);

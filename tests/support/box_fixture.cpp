@@ -52,19 +52,24 @@ Json::Value JsonAnswer(const HttpResult& answer, const std::string& what) {
     return answer.json;
 }
 
-// The host's session, opened on first use and kept for the whole program.
-const std::string& SessionCookie() {
-    static const std::string cookie = [] {
+// The host's session, opened on first use and kept for the whole program:
+// the cookie and the anti-forgery header that go with every call.
+const HttpRequest& SessionTemplate() {
+    static const HttpRequest session = [] {
         std::string password = ReadFile(BoxRunDir() + "/admin-password");
         password.erase(password.find_last_not_of("\n ") + 1);
-        const Json::Value answer = JsonAnswer(
-            Fetch("GET", Env("FARLINK_BOX_URL") +
-                             "/webapi/auth.cgi?account=admin&passwd=" + UrlEscape(password)),
-            "login");
+        const Json::Value answer =
+            JsonAnswer(Fetch("POST", Env("FARLINK_BOX_URL") + "/webapi/auth.cgi",
+                             "application/x-www-form-urlencoded",
+                             "account=admin&passwd=" + UrlEscape(password)),
+                       "login");
         if (!answer["data"]["sid"].isString()) ADD_FAILURE() << "the host refused the login";
-        return "id=" + answer["data"]["sid"].asString();
+        HttpRequest request;
+        request.cookie = "id=" + answer["data"]["sid"].asString();
+        request.headers = {"X-Farlink-Token: " + answer["data"]["token"].asString()};
+        return request;
     }();
-    return cookie;
+    return session;
 }
 
 void PostControl(const std::string& path, const Json::Value& body) {
@@ -158,8 +163,9 @@ Json::Value BoxTest::CallUnchecked(const std::string& api, int version, const st
                       "&version=" + std::to_string(version) + "&method=" + UrlEscape(method);
     for (const auto& name : params.getMemberNames())
         url += "&" + UrlEscape(name) + "=" + UrlEscape(CompactJson(params[name]));
-    return JsonAnswer(Fetch("GET", url, "", "", SessionCookie()),
-                      api + " v" + std::to_string(version) + " " + method);
+    HttpRequest request = SessionTemplate();
+    request.url = url;
+    return JsonAnswer(Fetch(request), api + " v" + std::to_string(version) + " " + method);
 }
 
 Json::Value Answer(int code, const Json::Value& data) {

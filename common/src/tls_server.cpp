@@ -1,0 +1,23 @@
+#include "farlink/tls_server.h"
+
+#include <event2/bufferevent_ssl.h>
+
+namespace farlink {
+
+bufferevent* NewServerTlsBufferEvent(event_base* base, SSL_CTX* context) {
+    SSL* ssl = SSL_new(context);
+    if (ssl == nullptr) return nullptr;
+    // With BEV_OPT_CLOSE_ON_FREE the buffer event frees the SSL object.
+    bufferevent* bev = bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
+                                                      BEV_OPT_CLOSE_ON_FREE);
+    if (bev == nullptr) {
+        SSL_free(ssl);
+        return nullptr;
+    }
+    // A client that just closes its socket after its answer is common and
+    // harmless: every request is framed by HTTP, not by the TLS close.
+    bufferevent_openssl_set_allow_dirty_shutdown(bev, 1);
+    return bev;
+}
+
+}  // namespace farlink
