@@ -105,11 +105,11 @@ void AuditLog::RecordCall(const AuditedCall& call) {
     Append(std::move(record));
 }
 
-void AuditLog::RecordLogin(const std::string& client, bool succeeded) {
+void AuditLog::RecordLogin(const std::string& client, const std::string& outcome) {
     Json::Value record(Json::objectValue);
     record["event"] = "login";
     record["client"] = client;
-    record["result"] = succeeded ? "success" : "failure";
+    record["result"] = outcome;
     Append(std::move(record));
 }
 

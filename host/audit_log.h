@@ -45,7 +45,8 @@ public:
         : file_(std::move(file)), recentLimit_(recentLimit) {}
 
     void RecordCall(const AuditedCall& call);
-    void RecordLogin(const std::string& client, bool succeeded);
+    // `outcome`: "success", "failure", or "throttled" when it was not tried.
+    void RecordLogin(const std::string& client, const std::string& outcome);
 
     // The latest records, oldest first, as written.
     Json::Value Recent() const;

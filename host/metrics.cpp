@@ -89,8 +89,8 @@ void HostMetrics::CountWorkerCrash() { workerCrashes_.Increment(); }
 void HostMetrics::CountHandlerTimeout() { handlerTimeouts_.Increment(); }
 void HostMetrics::SetQueueDepth(std::size_t depth) { queueDepth_.Set(static_cast<double>(depth)); }
 
-void HostMetrics::CountLogin(bool succeeded) {
-    logins_.Add({{"result", succeeded ? "success" : "failure"}}).Increment();
+void HostMetrics::CountLogin(const std::string& outcome) {
+    logins_.Add({{"result", outcome}}).Increment();
 }
 
 std::string HostMetrics::Text() const {

@@ -35,7 +35,8 @@ public:
     void CountWorkerCrash();
     void CountHandlerTimeout();
     void SetQueueDepth(std::size_t depth);
-    void CountLogin(bool succeeded);
+    // `outcome`: "success", "failure" or "throttled".
+    void CountLogin(const std::string& outcome);
 
     // The exposition text, format 0.0.4.
     std::string Text() const;

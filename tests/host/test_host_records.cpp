@@ -11,17 +11,12 @@
 #include "audit_log.h"
 #include "host_names.h"
 #include "metrics.h"
+#include "metrics_text.h"
 
 namespace farlink::host {
 namespace {
 
-double SampleValue(const std::string& text, const std::string& series) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind(series + " ", 0) == 0) return std::stod(line.substr(series.size() + 1));
-    }
-    return -1;
-}
+using test::MetricSample;
 
 TEST(HostMetrics, CountsExactlyWhatHappenedWithLabelsOnlyFromTheTable) {
     HostMetrics metrics({{"ORVO.Core.Farlink", 3, "get_misc_config"}});
@@ -38,9 +33,9 @@ TEST(HostMetrics, CountsExactlyWhatHappenedWithLabelsOnlyFromTheTable) {
     metrics.CountWorkerCrash();
     metrics.CountHandlerTimeout();
     metrics.SetQueueDepth(3);
-    metrics.CountLogin(true);
-    metrics.CountLogin(false);
-    metrics.CountLogin(false);
+    metrics.CountLogin("success");
+    metrics.CountLogin("failure");
+    metrics.CountLogin("failure");
 
     const std::string text = metrics.Text();
     const std::string row =
@@ -48,25 +43,25 @@ TEST(HostMetrics, CountsExactlyWhatHappenedWithLabelsOnlyFromTheTable) {
     auto requests = [&](const std::string& code) {
         std::string labels = row;
         labels.replace(labels.find('%'), 1, code);
-        return SampleValue(text, "farlink_requests_total{" + labels + "}");
+        return MetricSample(text, "farlink_requests_total{" + labels + "}");
     };
     EXPECT_EQ(requests("0"), 2);
     EXPECT_EQ(requests("110"), 1);
     EXPECT_EQ(
-        SampleValue(text, R"(farlink_requests_total{api="-",code="102",method="-",version="-"})"),
+        MetricSample(text, R"(farlink_requests_total{api="-",code="102",method="-",version="-"})"),
         2);
     EXPECT_EQ(text.find("Evil"), std::string::npos);
     EXPECT_EQ(
-        SampleValue(
+        MetricSample(
             text,
             R"(farlink_request_duration_seconds_count{api="ORVO.Core.Farlink",method="get_misc_config",version="3"})"),
         3);
-    EXPECT_EQ(SampleValue(text, "farlink_worker_starts_total"), 1);
-    EXPECT_EQ(SampleValue(text, "farlink_worker_crashes_total"), 1);
-    EXPECT_EQ(SampleValue(text, "farlink_handler_timeouts_total"), 1);
-    EXPECT_EQ(SampleValue(text, "farlink_queue_depth"), 3);
-    EXPECT_EQ(SampleValue(text, R"(farlink_logins_total{result="success"})"), 1);
-    EXPECT_EQ(SampleValue(text, R"(farlink_logins_total{result="failure"})"), 2);
+    EXPECT_EQ(MetricSample(text, "farlink_worker_starts_total"), 1);
+    EXPECT_EQ(MetricSample(text, "farlink_worker_crashes_total"), 1);
+    EXPECT_EQ(MetricSample(text, "farlink_handler_timeouts_total"), 1);
+    EXPECT_EQ(MetricSample(text, "farlink_queue_depth"), 3);
+    EXPECT_EQ(MetricSample(text, R"(farlink_logins_total{result="success"})"), 1);
+    EXPECT_EQ(MetricSample(text, R"(farlink_logins_total{result="failure"})"), 2);
 }
 
 TEST(AuditLog, WritesOneJsonLinePerRecordAndNeverASecret) {
@@ -84,8 +79,8 @@ TEST(AuditLog, WritesOneJsonLinePerRecordAndNeverASecret) {
         params["services"][0]["passwd"] = "pw-secret";
         log.RecordCall({"127.0.0.1", session, "ORVO.Core.Farlink", 1, "set_server_alias", params,
                         "error=2905"});
-        log.RecordLogin("10.0.0.9", false);
-        log.RecordLogin("10.0.0.9", true);
+        log.RecordLogin("10.0.0.9", "failure");
+        log.RecordLogin("10.0.0.9", "success");
         const Json::Value recent = log.Recent();
         ASSERT_EQ(recent.size(), 2u);  // bounded, oldest dropped
         EXPECT_EQ(recent[1]["result"].asString(), "success");
