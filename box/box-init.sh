@@ -256,7 +256,8 @@ start_services() {
         "${wrapper[@]}" "$bin/farlink-host" --module "$build/lib/libwebapi-ORVO.Core.Farlink.so" \
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
         --tls-cert "$scratch/host.pem" --tls-key "$scratch/host.key" \
-        --access-log "$run/access.log" --pid-file "$run/host.pid" "${web[@]}"
+        --access-log "$run/access.log" --audit-log "$run/audit.log" --pid-file "$run/host.pid" \
+        "${web[@]}"
     wait_ready host log_says host "listening on"
 
     # Connections to the machine's 127.0.0.1:PORT come in here.

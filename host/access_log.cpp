@@ -25,7 +25,9 @@ std::string Field(const std::string& text) {
     return field;
 }
 
-std::string UtcNow() {
+}  // namespace
+
+std::string UtcTimestamp() {
     auto now = std::chrono::system_clock::now();
     std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch() %
@@ -39,25 +41,25 @@ std::string UtcNow() {
     return text;
 }
 
-}  // namespace
-
 int AccessLog::Fd() const { return file_ ? file_.Get() : STDERR_FILENO; }
 
 void AccessLog::Write(const AccessRecord& record) const {
-    std::string line = UtcNow() + " " + Field(record.client) + " " + Field(record.httpMethod) +
-                       " " + Field(record.path) + " " + std::to_string(record.status) + " " +
-                       Field(record.call) + " " + Field(record.result) + " " +
-                       std::to_string(record.latency.count()) + "us " + Field(record.ids) +
-                       " answers=" + std::to_string(record.answers) + "\n";
+    std::string line = UtcTimestamp() + " " + Field(record.client) + " " +
+                       Field(record.httpMethod) + " " + Field(record.path) + " " +
+                       std::to_string(record.status) + " " + Field(record.call) + " " +
+                       Field(record.result) + " " + std::to_string(record.latency.count()) + "us " +
+                       Field(record.ids) + " answers=" + std::to_string(record.answers) + "\n";
     // A short write to a log is not worth failing a request over.
     ssize_t written = ::write(Fd(), line.data(), line.size());
     (void)written;
 }
 
-UniqueFd OpenAccessLog(const std::string& path) {
+UniqueFd OpenLogForAppend(const std::string& path, const std::string& what) {
     UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
-    if (!fd) throw StartupError("cannot open access log " + path + ": " + std::strerror(errno));
+    if (!fd) throw StartupError("cannot open " + what + " " + path + ": " + std::strerror(errno));
     return fd;
 }
+
+UniqueFd OpenAccessLog(const std::string& path) { return OpenLogForAppend(path, "access log"); }
 
 }  // namespace farlink::host

@@ -166,6 +166,7 @@ std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& reque
         return reply;
     }
     call.params = request.params;
+    call.session = std::get<std::string>(std::move(session));
     return call;
 }
 

@@ -46,6 +46,7 @@ struct HandlerCall {
     std::uint32_t version = 0;
     std::string method;
     Json::Value params{Json::objectValue};
+    std::string session;  // the front's, for the audit log; never sent to a worker
 
     std::string Label() const;  // "api/version/method"
 };
@@ -77,11 +78,11 @@ public:
 
     static ApiReply Failure(HostError error);
 
-private:
     // The id of the session the request acts in, or the refusal.
     std::variant<ApiReply, std::string> Authenticate(const RequestParams& request,
                                                      const Credentials& credentials);
 
+private:
     const ApiTable& table_;
     SessionStore& sessions_;
     LoginThrottle& throttle_;

@@ -165,8 +165,12 @@ std::optional<HandlerCall> ParseCall(const Json::Value& message) {
         !message["method"].isString() || !message["params"].isObject()) {
         return std::nullopt;
     }
-    return HandlerCall{message["api"].asString(), message["version"].asUInt(),
-                       message["method"].asString(), message["params"]};
+    HandlerCall call;
+    call.api = message["api"].asString();
+    call.version = message["version"].asUInt();
+    call.method = message["method"].asString();
+    call.params = message["params"];
+    return call;
 }
 
 std::string AnswerFrame(const WorkerAnswer& answer) {

@@ -19,6 +19,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "channel.h"
 #include "connection_guard.h"
@@ -73,15 +74,18 @@ Router::Answer HostFailure(int status, HostError error, const std::string& call,
     return answer;
 }
 
-class Front {
+class Front : public HostState {
 public:
     explicit Front(FrontSetup& setup)
         : options_(*setup.options),
           log_(std::move(setup.accessLog)),
           sessions_(SessionLimitsOf(options_)),
           table_(ApiTable::FromNames(setup.rows)),
+          metrics_(setup.rows),
+          audit_(std::move(setup.auditLog)),
+          names_(AddressOf(setup.listenAddress), options_.allowedHosts),
           service_(table_, sessions_, throttle_, options_.password),
-          router_(service_, log_, setup.tls != nullptr),
+          router_(service_, log_, setup.tls != nullptr, {metrics_, audit_, names_, *this}),
           pages_(options_.webRoot.empty() ? StaticFiles() : StaticFiles(options_.webRoot)),
           control_(std::move(setup.control)),
           tls_(std::move(setup.tls)) {
@@ -108,7 +112,7 @@ public:
 
     // Connections still open call back into the front when the engine
     // frees them.
-    ~Front() {
+    ~Front() override {
         for (auto& pending : pending_) {
             if (pending->request == nullptr) continue;
             evhttp_connection_set_closecb(evhttp_request_get_connection(pending->request), nullptr,
@@ -129,6 +133,13 @@ public:
         return exitCode_;
     }
 
+    bool CanServe() const override {
+        return !draining_ && queue_.size() < options_.queueLimit &&
+               std::any_of(workers_.begin(), workers_.end(),
+                           [](const auto& entry) { return !entry.second->killed; });
+    }
+    std::size_t QueueDepth() const override { return queue_.size(); }
+
 private:
     struct Worker;
 
@@ -139,7 +150,8 @@ private:
         HttpExchange exchange;              // without its body
         std::string call;
         std::string frame;
-        bool exclusive = false;
+        bool exclusive = false;  // changes state: one at a time, and audited
+        std::optional<AuditedCall> audit;
         Clock::time_point started;
         Worker* worker = nullptr;  // null while queued
     };
@@ -228,6 +240,15 @@ private:
         pending.call = call.Label();
         pending.frame = EncodeFrame(CallMessage(call));
         pending.exclusive = IsExclusiveMethod(options_, call.method);
+        if (pending.exclusive) {
+            pending.audit = AuditedCall{pending.exchange.address,
+                                        call.session,
+                                        call.api,
+                                        call.version,
+                                        call.method,
+                                        call.params,
+                                        ""};
+        }
         pending.started = started;
         evhttp_connection_set_closecb(evhttp_request_get_connection(request), &Front::OnClientGone,
                                       &pending);
@@ -288,7 +309,13 @@ private:
         front.StopIfDrained();
     }
 
+    // Also for a client that has left: the change may have happened.
     void Answer(Pending& pending, const Router::Answer& answer, const std::string& ids) {
+        if (pending.audit) {
+            pending.audit->result = answer.api.result;
+            audit_.RecordCall(*pending.audit);
+            pending.audit.reset();
+        }
         if (pending.request == nullptr) return;
         Send(pending.request, router_.Finish(pending.exchange, answer, ids, pending.started));
         pending.request = nullptr;
@@ -318,6 +345,7 @@ private:
         if (!worker->readable || !worker->deadline) Fail("cannot watch a worker");
         event_add(worker->readable.get(), nullptr);
         workers_[link.id] = std::move(worker);
+        metrics_.CountWorkerStart();
         Pump();
     }
 
@@ -420,6 +448,7 @@ private:
         auto& worker = *static_cast<Worker*>(context);
         Front& front = *worker.front;
         if (worker.running != nullptr) {
+            front.metrics_.CountHandlerTimeout();
             front.Answer(
                 *worker.running,
                 HostFailure(200, HostError::kHandlerTimeout, worker.running->call, "killed"), "-");
@@ -447,6 +476,7 @@ private:
             std::fprintf(stderr, "farlink-host: worker %d ended (%s) during %s\n",
                          static_cast<int>(worker.pid), DescribeEnd(status).c_str(),
                          worker.running->call.c_str());
+            metrics_.CountWorkerCrash();
             Answer(
                 *worker.running,
                 HostFailure(200, HostError::kWorkerDied, worker.running->call, DescribeEnd(status)),
@@ -500,6 +530,9 @@ private:
     SessionStore sessions_;
     LoginThrottle throttle_;
     ApiTable table_;
+    HostMetrics metrics_;
+    AuditLog audit_;
+    HostNames names_;
     ApiService service_;
     Router router_;
     StaticFiles pages_;

@@ -31,8 +31,10 @@ struct FrontSetup {
     const Options* options = nullptr;
     ServiceIds ids;
     UniqueFd listener;
-    TlsContext tls;      // empty: plain HTTP
-    UniqueFd accessLog;  // empty: stderr
+    TlsContext tls;             // empty: plain HTTP
+    UniqueFd accessLog;         // empty: stderr
+    UniqueFd auditLog;          // empty: none
+    std::string listenAddress;  // "ADDR:PORT" as bound
     std::vector<RowName> rows;
     std::vector<WorkerLink> workers;
     UniqueFd control;  // to the supervisor

@@ -21,6 +21,8 @@ enum class HostError : int {
     kLoginNotPost = 113,    // a login must be a POST (HTTP 405)
     kBadToken = 114,        // a cookie-only request without its session's token (HTTP 403)
     kTooManyLogins = 115,   // too many failed logins from this address (HTTP 429)
+    kForeignHost = 116,     // the Host header names no name this host answers to (HTTP 421)
+    kCrossSite = 117,       // a cookie-authenticated request another site started (HTTP 403)
     kBadLogin = 400,
 };
 

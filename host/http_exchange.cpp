@@ -51,6 +51,9 @@ HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
     exchange.contentType = Header(request, "Content-Type");
     exchange.cookie = Header(request, "Cookie");
     exchange.token = SingleHeader(request, kTokenHeader);
+    exchange.host = Header(request, "Host");
+    exchange.origin = Header(request, "Origin");
+    exchange.fetchSite = Header(request, "Sec-Fetch-Site");
 
     evbuffer* input = evhttp_request_get_input_buffer(request);
     std::size_t length = evbuffer_get_length(input);

@@ -22,9 +22,12 @@ struct HttpExchange {
     std::string path;     // as sent, without the query
     std::string query;    // as sent, still encoded
     std::string contentType;
-    std::string cookie;  // the Cookie header
-    std::string token;   // the token header; empty when missing or sent more than once
-    std::string body;    // empty when bodyTooLarge
+    std::string cookie;     // the Cookie header
+    std::string token;      // the token header; empty when missing or sent more than once
+    std::string host;       // the Host header
+    std::string origin;     // the Origin header
+    std::string fetchSite;  // the Sec-Fetch-Site header
+    std::string body;       // empty when bodyTooLarge
     bool bodyTooLarge = false;
 };
 

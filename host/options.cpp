@@ -143,6 +143,8 @@ Options ParseOptions(const std::vector<std::string>& args) {
          }},
         {"--exclusive-methods", [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
         {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
+        {"--audit-log", [&](auto&, auto& v) { options.auditLogPath = v; }},
+        {"--allowed-hosts", [&](auto&, auto& v) { options.allowedHosts = SplitList(v); }},
         {"--max-body",
          [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
         {"--pid-file", [&](auto&, auto& v) { options.pidFile = v; }},

@@ -28,6 +28,8 @@ struct Options {
     std::chrono::seconds headerTimeout{10};     // for a whole request on a new connection
     std::chrono::seconds keepAliveTimeout{15};  // for the next one after an answer
     std::string accessLogPath;                  // empty: stderr
+    std::string auditLogPath;                   // empty: recent records in memory only
+    std::vector<std::string> allowedHosts;  // Host names besides loopback and the listen address
     std::size_t maxBody = 1024 * 1024;
     std::string pidFile;
     std::chrono::seconds requestTimeout{30};

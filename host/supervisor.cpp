@@ -99,6 +99,9 @@ public:
         : options_(options),
           accessLog_(options.accessLogPath.empty() ? UniqueFd()
                                                    : OpenAccessLog(options.accessLogPath)),
+          auditLog_(options.auditLogPath.empty()
+                        ? UniqueFd()
+                        : OpenLogForAppend(options.auditLogPath, "audit log")),
           ids_(LookupServiceUser(options.user)),
           listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
                                      : BindListenSocket(*options.listenAddress)),
@@ -215,6 +218,8 @@ private:
             setup.listener = std::move(listener_.fd);
             setup.tls = std::move(tls_);
             setup.accessLog = std::move(accessLog_);
+            setup.auditLog = std::move(auditLog_);
+            setup.listenAddress = listener_.address;
             setup.rows = rows_;
             setup.workers = std::move(links_);
             setup.control = std::move(frontEnd);
@@ -224,6 +229,7 @@ private:
         listener_.fd.Reset();
         tls_.reset();
         accessLog_.Reset();
+        auditLog_.Reset();
         links_.clear();
         frontEnd.Reset();
 
@@ -345,6 +351,7 @@ private:
 
     const Options& options_;
     UniqueFd accessLog_;
+    UniqueFd auditLog_;
     ServiceIds ids_;
     ListenSocket listener_;
     TlsContext tls_;  // read while root; the front takes it, nobody else keeps it
