@@ -18,10 +18,18 @@ void EnterBox();
 // The table row serving (api, version, method); stops the program if none.
 const ORVO::APITableEntry& Row(const char* api, int version, const char* method);
 
+struct HostCall {
+    ORVO::APIResponse response;
+    // An exception escaped the handler. The host's worker answers such a
+    // call with its own error and goes on; so does the harness, printing
+    // "handler threw: ..." for the campaign's log (docs/fuzzing.md).
+    bool threw = false;
+};
+
 // Runs the row's handler with `params` as the host would, checking that it
 // answered exactly once, left the credentials as it found them and left no
 // temporary file among the relay's configuration files.
-ORVO::APIResponse CallAsHost(const ORVO::APITableEntry& row, const Json::Value& params);
+HostCall CallAsHost(const ORVO::APITableEntry& row, const Json::Value& params);
 
 // Path -> content of the state a handler may change (the relay's
 // configuration directory, the box's information file, the account).

@@ -33,9 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!collected.params) return 0;  // the host answers that itself
 
     farlink_fuzz::RestoreBox();
-    const ORVO::APIResponse response =
+    const farlink_fuzz::HostCall call =
         farlink_fuzz::CallAsHost(*rows[data[0] % rows.size()], collected.params->params);
-    if (!response.IsSuccess() && response.GetErrorCode() == kApiErrInvalidParam) {
+    if (!call.threw && !call.response.IsSuccess() &&
+        call.response.GetErrorCode() == kApiErrInvalidParam) {
         FUZZ_CHECK(farlink_fuzz::ReadBoxState() == farlink_fuzz::InitialBoxState());
     }
     return 0;
