@@ -57,14 +57,15 @@ run_one() {
     esac
     local started=$SECONDS status=0
     nice -n 10 "${command[@]}" >"$work/log" 2>&1 || status=$?
-    local executions coverage features reports=0
+    local executions coverage features reports=0 threw
+    threw=$(grep -c '^handler threw:' "$work/log" || true)
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/log" | tail -1)
     coverage=$(grep -oE ' cov: [0-9]+' "$work/log" | tail -1 | tr -dc 0-9)
     features=$(grep -oE ' ft: [0-9]+' "$work/log" | tail -1 | tr -dc 0-9)
     [ -d "$build/box-runs/$name" ] && reports=$(box_reports "$build/box-runs/$name")
-    printf '%s: %s executions in %ss, %s edges, %s features, %s findings, %s box program reports, exit %s\n' \
+    printf '%s: %s executions in %ss, %s edges, %s features, %s findings, %s handler exceptions, %s box program reports, exit %s\n' \
         "$name" "${executions:-?}" $((SECONDS - started)) "${coverage:-?}" "${features:-?}" \
-        "$(find "$work/artifacts" -type f | wc -l)" "$reports" "$status" |
+        "$(find "$work/artifacts" -type f | wc -l)" "$threw" "$reports" "$status" |
         tee -a "$build/fuzz/summary.txt"
 }
 
