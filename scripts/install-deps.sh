@@ -9,6 +9,7 @@ packages=(
     libgtest-dev googletest libbenchmark-dev
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
     dpkg-dev file lintian
+    clang libclang-rt-14-dev
 )
 
 missing=()
