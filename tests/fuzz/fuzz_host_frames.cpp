@@ -12,19 +12,7 @@
 
 namespace {
 
-using farlink::host::AnswerFrame;
-using farlink::host::CallMessage;
-using farlink::host::EncodeFrame;
-using farlink::host::HandlerCall;
-using farlink::host::kFrameHeaderSize;
-using farlink::host::MessageReader;
-using farlink::host::ParseAnswer;
-using farlink::host::ParseCall;
-using farlink::host::ParseHello;
-using farlink::host::ParseMessage;
-using farlink::host::ReadMessage;
-using farlink::host::RowName;
-using farlink::host::WorkerAnswer;
+using namespace farlink::host;
 
 // The frame's message, as the reader on the other side would see it.
 std::optional<Json::Value> Reparse(const std::string& frame) {
@@ -46,8 +34,7 @@ void CheckHello(const Json::Value& message) {
     FUZZ_CHECK(rows.has_value() == failure.empty());
     if (!rows) return;
     std::string again;
-    const auto decoded =
-        ParseHello(*Reparse(EncodeFrame(farlink::host::HelloMessage(*rows))), again);
+    const auto decoded = ParseHello(*Reparse(EncodeFrame(HelloMessage(*rows))), again);
     FUZZ_CHECK(decoded && decoded->size() == rows->size());
     for (std::size_t i = 0; i < rows->size(); ++i) {
         const RowName &a = (*rows)[i], &b = (*decoded)[i];

@@ -13,13 +13,7 @@
 
 namespace {
 
-using farlink::host::AccessLog;
-using farlink::host::ApiService;
-using farlink::host::ApiTable;
-using farlink::host::HandlerCall;
-using farlink::host::HttpExchange;
-using farlink::host::Router;
-using farlink::host::SessionStore;
+using namespace farlink::host;
 
 constexpr char kSessionMark[] = "@sid@";
 
