@@ -14,6 +14,8 @@ namespace farlink::host {
 
 namespace {
 
+constexpr std::size_t kReadChunk = 64 * 1024;
+
 std::string Serialize(const Json::Value& message) {
     static const std::unique_ptr<Json::StreamWriter> writer = [] {
         Json::StreamWriterBuilder builder;
@@ -64,8 +66,12 @@ std::optional<Json::Value> ParseMessage(const char* data, std::size_t size) {
         Json::CharReaderBuilder().newCharReader());
     Json::Value message;
     std::string errors;
-    if (!reader->parse(data, data + size, &message, &errors) || !message.isObject()) {
-        return std::nullopt;
+    try {
+        if (!reader->parse(data, data + size, &message, &errors) || !message.isObject()) {
+            return std::nullopt;
+        }
+    } catch (const Json::Exception&) {
+        return std::nullopt;  // nested deeper than the reader's stack limit
     }
     return message;
 }
@@ -75,8 +81,15 @@ std::optional<Json::Value> ReadMessage(int fd) {
     if (!ReadExactly(fd, reinterpret_cast<char*>(header), sizeof header)) return std::nullopt;
     const std::uint32_t size = FrameLength(header);
     if (size > kMaxFrameSize) return std::nullopt;
-    std::string payload(size, '\0');
-    if (!ReadExactly(fd, payload.data(), size)) return std::nullopt;
+    // Grown as the bytes arrive: a header alone must not cost the memory it
+    // announces.
+    std::string payload;
+    while (payload.size() < size) {
+        const std::size_t had = payload.size();
+        const std::size_t chunk = std::min<std::size_t>(size - had, kReadChunk);
+        payload.resize(had + chunk);
+        if (!ReadExactly(fd, payload.data() + had, chunk)) return std::nullopt;
+    }
     return ParseMessage(payload.data(), payload.size());
 }
 
@@ -84,7 +97,7 @@ bool MessageReader::Fill(std::size_t wanted) {
     buffer_.erase(0, used_);
     used_ = 0;
     while (buffer_.size() < wanted) {
-        char chunk[64 * 1024];
+        char chunk[kReadChunk];
         const ssize_t got = ::read(fd_, chunk, sizeof chunk);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return false;

@@ -10,6 +10,7 @@ packages=(
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
     dpkg-dev file lintian
     chromium chromium-driver python3-selenium python3-jsonschema
+    clang libclang-rt-14-dev
 )
 
 missing=()

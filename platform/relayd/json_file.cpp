@@ -16,7 +16,11 @@ bool ReadJsonFile(const std::string& path, Json::Value& out) {
     Json::CharReaderBuilder builder;
     Json::Value parsed;
     std::string errors;
-    if (!Json::parseFromStream(builder, in, &parsed, &errors)) return false;
+    try {
+        if (!Json::parseFromStream(builder, in, &parsed, &errors)) return false;
+    } catch (const Json::Exception&) {
+        return false;  // nested deeper than the reader's stack limit: unusable
+    }
     out = std::move(parsed);
     return true;
 }

@@ -128,9 +128,13 @@ bool ParseObject(const std::string& text, Json::Value& out) {
     builder["failIfExtra"] = true;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value parsed;
-    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, nullptr) ||
-        !parsed.isObject()) {
-        return false;
+    try {
+        if (!reader->parse(text.data(), text.data() + text.size(), &parsed, nullptr) ||
+            !parsed.isObject()) {
+            return false;
+        }
+    } catch (const Json::Exception&) {
+        return false;  // nested deeper than the reader's stack limit
     }
     out = std::move(parsed);
     return true;
