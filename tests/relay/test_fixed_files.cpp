@@ -6,6 +6,7 @@
 #include <orvo/relayd.h>
 #include <unistd.h>
 
+#include "daemon_process.h"
 #include "relay_test_support.h"
 
 using namespace ORVO::Relay;
@@ -110,6 +111,7 @@ TEST_F(DaemonProgram, UsageErrorsAndADetachedDaemonThatLeavesNoFiles) {
     EXPECT_EQ(Relayd({"--farlink", "status"}).output, "on");
 
     EXPECT_EQ(Relayd({"--farlink", "off"}).exitStatus, 0);
+    EXPECT_FALSE(ORVO::Relay::internal::IsDaemonProcess(pid)) << "off returns once it has ended";
     EXPECT_EQ(Relayd({"--farlink", "status"}).output, "off");
     EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
     EXPECT_NE(access(Paths::kRelaydStatus, F_OK), 0);
