@@ -3,8 +3,10 @@
 // exchange, one file read, one file write and one privileged section cost
 // when done the plainest way. Prints "NAME P50_MS P99_MS" lines.
 //
-//   farlink_floors WORD_PROGRAM CONF_FILE HTTPS_URL SCRATCH_DIR ROUNDS
+//   farlink_floors WORD_PROGRAM CONF_FILE HTTPS_URL HTTP_URL SCRATCH_DIR ROUNDS
 //   farlink_floors --lookup NAME ROUNDS
+//   farlink_floors --run NAME ROUNDS PROGRAM [ARG...]   (a program run as the
+//                                                      spawn floor's child is)
 #include <curl/curl.h>
 #include <farlink/file_io.h>
 #include <farlink/unique_fd.h>
@@ -40,16 +42,15 @@ using Clock = std::chrono::steady_clock;
 
 // posix_spawn of the program with its output on a pipe, read to its end,
 // and the wait: what running a status command takes at the least.
-bool SpawnAndRead(const char* program) {
+bool SpawnAndRead(char* const argv[]) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
     farlink::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, writeEnd.Get(), STDOUT_FILENO);
-    char* argv[] = {const_cast<char*>(program), nullptr};
     pid_t pid = 0;
-    const int error = posix_spawn(&pid, program, &actions, nullptr, argv, environ);
+    const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     writeEnd.Reset();
     if (error != 0) return false;
@@ -62,9 +63,10 @@ bool SpawnAndRead(const char* program) {
 
 size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
 
-// One POST with a fresh handle: name lookup, connection, TLS handshake with
-// certificate checks against the system store, request and answer.
-bool HttpsExchange(const std::string& url) {
+// One POST with a fresh handle: name lookup, connection, for https the TLS
+// handshake with certificate checks against the system store, request and
+// answer.
+bool Exchange(const std::string& url) {
     const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
     if (!curl) return false;
     static const char body[] = R"({"version":1,"command":"get_register_site"})";
@@ -104,9 +106,7 @@ bool Lookup(const char* name) {
 
 // The module's own section, entered from the host's ids: four id switches
 // and their trace lines to the system log.
-bool PrivilegedSection() {
-    return AS_ROOT(geteuid()) == 0;
-}
+bool PrivilegedSection() { return AS_ROOT(geteuid()) == 0; }
 
 struct Floor {
     const char* name;
@@ -135,19 +135,29 @@ int main(int argc, char** argv) {
         const char* name = argv[2];
         return Measure({"lookup", [name] { return Lookup(name); }}, std::atoi(argv[3])) ? 0 : 1;
     }
-    if (argc != 6 || std::atoi(argv[5]) < 1) {
-        std::fprintf(stderr,
-                     "usage: farlink_floors WORD_PROGRAM CONF_FILE HTTPS_URL SCRATCH_DIR ROUNDS\n"
-                     "       farlink_floors --lookup NAME ROUNDS\n");
+    if (argc >= 5 && std::strcmp(argv[1], "--run") == 0 && std::atoi(argv[3]) > 0) {
+        char* const* program = argv + 4;
+        return Measure({argv[2], [program] { return SpawnAndRead(program); }}, std::atoi(argv[3]))
+                   ? 0
+                   : 1;
+    }
+    if (argc != 7 || std::atoi(argv[6]) < 1) {
+        std::fprintf(
+            stderr,
+            "usage: farlink_floors WORD_PROGRAM CONF_FILE HTTPS_URL HTTP_URL SCRATCH_DIR ROUNDS\n"
+            "       farlink_floors --lookup NAME ROUNDS\n"
+            "       farlink_floors --run NAME ROUNDS PROGRAM [ARG...]\n");
         return 2;
     }
-    const std::string word = argv[1], conf = argv[2], url = argv[3];
-    const std::string scratch = std::string(argv[4]) + "/floor.conf";
-    const int rounds = std::atoi(argv[5]);
+    char* const word[] = {argv[1], nullptr};
+    const std::string conf = argv[2], httpsUrl = argv[3], httpUrl = argv[4];
+    const std::string scratch = std::string(argv[5]) + "/floor.conf";
+    const int rounds = std::atoi(argv[6]);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     const Floor asRoot[] = {
-        {"spawn", [&] { return SpawnAndRead(word.c_str()); }},
-        {"https", [&] { return HttpsExchange(url); }},
+        {"spawn", [&] { return SpawnAndRead(word); }},
+        {"https", [&] { return Exchange(httpsUrl); }},
+        {"http", [&] { return Exchange(httpUrl); }},
         {"read", [&] { return ReadConfiguration(conf); }},
         {"write", [&] { return WriteConfiguration(scratch); }},
     };

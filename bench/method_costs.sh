@@ -7,7 +7,8 @@
 # Floors (farlink_floors, at the start and at the end of the run, averaged):
 # a program run (posix_spawn of a program that prints one word, its output
 # read, the wait), an HTTPS exchange (one POST to the control server through
-# libcurl with a fresh handle, handshake included), a file read (a relay
+# libcurl with a fresh handle, handshake included; and one over plain HTTP),
+# a file read (a relay
 # configuration read and parsed), a file write (written whole and renamed
 # into place), a privileged section (the module's own, with its trace lines)
 # and a name lookup (A and AAAA through the box's resolver); the host floor
@@ -40,7 +41,7 @@ sid=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.c
 core=ORVO.Core.Farlink
 alias1='server_alias=mybox&kivo_account=alice@example.test&kivo_password=secret1&force=false'
 alias2='server_alias=mybox&force=false'
-# name | query | POST body | work: spawn https read write section lookup
+# name | query | POST body | work: spawn https read write section lookup http
 rows_daemon_off=(
     "status v1|api=$core&version=1&method=status||0 0 3 0 0 1"
     "get v1|api=$core&version=1&method=get||1 0 2 0 3 0"
@@ -51,7 +52,7 @@ rows_daemon_off=(
     "Upnp get|api=$core.Upnp&version=1&method=get||0 0 1 0 0 0"
     "SNI set|api=$core.SNI&version=1&method=set&enabled=false||0 0 0 1 1 0"
     "Hostname get_ip|api=$core.Hostname&version=1&method=get_ip&hostname=both.farlink.test||0 0 0 0 0 1"
-    "RegisterSite get|api=$core.RegisterSite&version=1&method=get||0 1 0 0 0 0"
+    "RegisterSite get|api=$core.RegisterSite&version=1&method=get||0 0 0 0 0 0 1"
     "get v2|api=$core&version=2&method=get||2 0 3 0 6 0"
     "set v2 enabled=false|api=$core&version=2&method=set&enabled=false||1 0 0 0 1 0"
     "get_misc_config v3|api=$core&version=3&method=get_misc_config||0 0 1 0 0 0"
@@ -98,26 +99,32 @@ longest_gap() {  # FROM
 }
 
 floors() {
+    local control
+    control=$(. "$build/deployment.env"; echo "$FARLINK_PRIMARY_CONTROL_HOST")
     "$build/bin/farlink_floors" "$build/bin/farlink_bench_word" \
-        /usr/orvo/etc/orvorelayd/orvorelayd.conf \
-        "https://$(. "$build/deployment.env"; echo "$FARLINK_PRIMARY_CONTROL_HOST")/Serv.php" \
-        "$work" 300
+        /usr/orvo/etc/orvorelayd/orvorelayd.conf "https://$control/Serv.php" \
+        "http://$control/Serv.php" "$work" 300
     "$build/bin/farlink_floors" --lookup both.farlink.test 300
-    read -r _ p50 _ <<<"$(measure 1 "api=Bench.Nothing&version=1&method=none")"
-    echo "host $p50"
+    # The kit's two programs, run as the spawn floor's program is.
+    "$build/bin/farlink_floors" --run relayd-status 300 /usr/orvo/sbin/orvorelayd --farlink status
+    "$build/bin/farlink_floors" --run kivo-query 300 /usr/orvo/bin/orvokivo --query_account --cache
+    local rps1 rps16 p50
+    read -r rps1 p50 _ <<<"$(measure 1 "api=Bench.Nothing&version=1&method=none")"
+    read -r rps16 _ _ <<<"$(measure 16 "api=Bench.Nothing&version=1&method=none")"
+    echo "host $p50 $rps1 $rps16"
 }
 
 results=$work/results
 run_rows() {
-    local row name query body workload
+    local row name query body workload rps1 p50 p99 rps16
     for row in "$@"; do
         IFS='|' read -r name query body workload <<<"$row"
         call "$query" "$body" >/dev/null || true  # a first call makes the files it keeps
-        read -r _ p50 p99 <<<"$(measure 1 "$query" "$body")"
+        read -r rps1 p50 p99 <<<"$(measure 1 "$query" "$body")"
         local from
         from=$(stat -c %s "$run/access.log")
         read -r rps16 _ _ <<<"$(measure 16 "$query" "$body")"
-        echo "$name|$workload|$p50|$p99|$rps16|$(longest_gap "$from")" >>"$results"
+        echo "$name|$workload|$p50|$p99|$rps1|$rps16|$(longest_gap "$from")" >>"$results"
     done
 }
 
@@ -133,15 +140,24 @@ floors >"$work/floors.2"
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)" >&2
 
 awk -v floors1="$work/floors.1" -v floors2="$work/floors.2" '
+    function take(file,   line, f) {
+        while ((getline line < file) > 0) {
+            split(line, f, " ")
+            floor[f[1]] += f[2] / 2
+            if (f[1] == "host") { rps1 += f[3] / 2; rps16 += f[4] / 2 }
+        }
+    }
     BEGIN {
-        FS = " "
-        while ((getline line < floors1) > 0) { split(line, f, " "); floor[f[1]] = f[2] / 2 }
-        while ((getline line < floors2) > 0) { split(line, f, " "); floor[f[1]] += f[2] / 2 }
-        n = split("spawn https read write section lookup", kind, " ")
-        printf "Floors (p50, ms): host %.3f", floor["host"]
+        take(floors1); take(floors2)
+        n = split("spawn https read write section lookup http", kind, " ")
+        printf "Floors, p50 in ms: host %.3f (%.0f req/s at 1, %.0f at 16)", floor["host"], rps1, rps16
         for (i = 1; i <= n; i++) printf ", %s %.3f", kind[i], floor[kind[i]]
-        printf "\n\n| method | work | floor sum ms | p50 ms | p99 ms | p50 / floors | req/s at 16 | longest gap at 16 s |\n"
-        printf "|---|---|---|---|---|---|---|---|\n"
+        printf ".\n\n`orvorelayd --farlink status` %.3f ms (%.1f x the spawn floor), ",
+            floor["relayd-status"], floor["relayd-status"] / floor["spawn"]
+        printf "`orvokivo --query_account --cache` %.3f ms (%.1f x).\n\n",
+            floor["kivo-query"], floor["kivo-query"] / floor["spawn"]
+        printf "| method | work | floors ms | p50 ms | p99 ms | p50 / floors | req/s at 1 | req/s at 16 | longest gap at 16, s |\n"
+        printf "|---|---|---|---|---|---|---|---|---|\n"
         FS = "|"
     }
     {
@@ -151,6 +167,6 @@ awk -v floors1="$work/floors.1" -v floors2="$work/floors.2" '
             sum += count[i] * floor[kind[i]]
             if (count[i] > 0) text = text (text == "" ? "" : ", ") count[i] " " kind[i]
         }
-        printf "| %s | %s | %.3f | %.3f | %.3f | %.1f | %.0f | %s |\n",
-            $1, text == "" ? "-" : text, sum, $3, $4, $3 / sum, $5, $6
+        printf "| %s | %s | %.3f | %.3f | %.3f | %.1f | %.0f | %.0f | %s |\n",
+            $1, text == "" ? "-" : text, sum, $3, $4, $3 / sum, $5, $6, $7
     }' "$results"
