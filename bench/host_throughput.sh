@@ -12,17 +12,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-5}
 
-if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
-    exec "$root/box/farlink-box" --build "$build" --port 0 \
-        --run-dir "$build/box-runs/host-throughput" -- bash "$0" "$build" "$seconds"
-fi
-
-command -v wrk >/dev/null || { echo "host_throughput: wrk is missing" >&2; exit 1; }
-url=http://127.0.0.1:8080/webapi
-password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
-sid=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi" |
-    sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
-[ -n "$sid" ] || { echo "host_throughput: cannot log in" >&2; exit 1; }
+. "$root/bench/box_session.sh" host-throughput "$build" "$0" "$build" "$seconds"
 
 floor="$url/entry.cgi?api=Bench.Nothing&version=1&method=none"
 misc="$url/entry.cgi?api=ORVO.Core.Farlink&version=3&method=get_misc_config"

@@ -8,11 +8,11 @@
 # a program run (posix_spawn of a program that prints one word, its output
 # read, the wait), an HTTPS exchange (one POST to the control server through
 # libcurl with a fresh handle, handshake included; and one over plain HTTP),
-# a file read (a relay
-# configuration read and parsed), a file write (written whole and renamed
-# into place), a privileged section (the module's own, with its trace lines)
-# and a name lookup (A and AAAA through the box's resolver); the host floor
-# is an unknown method, answered by the host itself.
+# a file read (a relay configuration read and parsed), a file write (written
+# whole, flushed and renamed into place), a privileged section (the module's
+# own, with its trace lines) and a name lookup (A and AAAA through the box's
+# resolver); the host floor is an unknown method, answered by the host
+# itself. The kit's two programs are timed as the spawn floor's program is.
 #
 # Each method runs SECONDS (default 3) with wrk at 1 connection (p50, p99)
 # and at 16 (requests/s, and the longest time without a completed request,
@@ -23,20 +23,10 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-3}
 
-if [ -z "${FARLINK_BOX_RUN_DIR:-}" ]; then
-    exec "$root/box/farlink-box" --build "$build" --port 0 \
-        --run-dir "$build/box-runs/method-costs" -- bash "$0" "$build" "$seconds"
-fi
-
-command -v wrk >/dev/null || { echo "method_costs: wrk is missing" >&2; exit 1; }
-url=http://127.0.0.1:8080/webapi
+. "$root/bench/box_session.sh" method-costs "$build" "$0" "$build" "$seconds"
 run=$FARLINK_BOX_RUN_DIR
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-password=$(cat "$run/admin-password")
-sid=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi" |
-    sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
-[ -n "$sid" ] || { echo "method_costs: cannot log in" >&2; exit 1; }
 
 core=ORVO.Core.Farlink
 alias1='server_alias=mybox&kivo_account=alice@example.test&kivo_password=secret1&force=false'
@@ -103,11 +93,11 @@ floors() {
     control=$(. "$build/deployment.env"; echo "$FARLINK_PRIMARY_CONTROL_HOST")
     "$build/bin/farlink_floors" "$build/bin/farlink_bench_word" \
         /usr/orvo/etc/orvorelayd/orvorelayd.conf "https://$control/Serv.php" \
-        "http://$control/Serv.php" "$work" 300
-    "$build/bin/farlink_floors" --lookup both.farlink.test 300
+        "http://$control/Serv.php" "$work" 150
+    "$build/bin/farlink_floors" --lookup both.farlink.test 150
     # The kit's two programs, run as the spawn floor's program is.
-    "$build/bin/farlink_floors" --run relayd-status 300 /usr/orvo/sbin/orvorelayd --farlink status
-    "$build/bin/farlink_floors" --run kivo-query 300 /usr/orvo/bin/orvokivo --query_account --cache
+    "$build/bin/farlink_floors" --run relayd-status 150 /usr/orvo/sbin/orvorelayd --farlink status
+    "$build/bin/farlink_floors" --run kivo-query 150 /usr/orvo/bin/orvokivo --query_account --cache
     local rps1 rps16 p50
     read -r rps1 p50 _ <<<"$(measure 1 "api=Bench.Nothing&version=1&method=none")"
     read -r rps16 _ _ <<<"$(measure 16 "api=Bench.Nothing&version=1&method=none")"
