@@ -117,4 +117,23 @@ TEST_F(DaemonProgram, UsageErrorsAndADetachedDaemonThatLeavesNoFiles) {
     EXPECT_NE(access(Paths::kRelaydStatus, F_OK), 0);
 }
 
+// "on" runs the daemon program that lies next to the command line; without
+// it, "on" fails at once and leaves no state, and the daemon program itself
+// refuses arguments it does not know.
+TEST_F(DaemonProgram, OnWithoutItsDaemonProgramFailsAndTheDaemonRefusesUsageErrors) {
+    const relay_test::TempDir alone;
+    std::filesystem::copy_file(RELAYD_PROGRAM, alone / "orvorelayd");
+    EXPECT_EQ(relay_test::RunProgram({alone / "orvorelayd", "--farlink", "on"}).exitStatus, 1);
+    EXPECT_EQ(Relayd({"--farlink", "status"}).output, "off");
+    EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
+
+    const std::string daemon =
+        std::filesystem::path(RELAYD_PROGRAM).parent_path() / "orvorelayd-daemon";
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {daemon, "--bogus"}, {daemon, "--ready-fd", "1"}, {daemon, "--ready-fd", "x"}}) {
+        EXPECT_EQ(relay_test::RunProgram(args).exitStatus, 2) << args.back();
+    }
+    EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
+}
+
 }  // namespace
