@@ -136,4 +136,18 @@ TEST_F(DaemonProgram, OnWithoutItsDaemonProgramFailsAndTheDaemonRefusesUsageErro
     EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
 }
 
+// Starts that race: the daemon that loses the instance lock ends at once,
+// and its starter counts the winner.
+TEST_F(DaemonProgram, RacingStartsBothSucceedWithOneDaemon) {
+    const std::string on = std::string(RELAYD_PROGRAM) + " --farlink on";
+    FILE* first = popen(on.c_str(), "r");
+    FILE* second = popen(on.c_str(), "r");
+    ASSERT_TRUE(first != nullptr && second != nullptr);
+    EXPECT_EQ(pclose(first), 0);
+    EXPECT_EQ(pclose(second), 0);
+    EXPECT_EQ(Relayd({"--farlink", "status"}).output, "on");
+    const pid_t pid = std::atoi(ReadFile(Paths::kRelaydPidFile).c_str());
+    EXPECT_TRUE(ORVO::Relay::internal::IsDaemonProcess(pid));
+}
+
 }  // namespace
