@@ -13,11 +13,6 @@ namespace Relay {
 namespace detail {
 namespace {
 
-struct StoreFree {
-    void operator()(X509_STORE* store) const { X509_STORE_free(store); }
-};
-using StorePtr = std::unique_ptr<X509_STORE, StoreFree>;
-
 // What identifies a version of the bundle file.
 struct FileVersion {
     dev_t device = 0;
@@ -39,8 +34,8 @@ bool VersionOf(const char* path, FileVersion& version) {
     return true;
 }
 
-StorePtr LoadStore(const char* bundle, const char* directory) {
-    StorePtr store(X509_STORE_new());
+TrustStore LoadStore(const char* bundle, const char* directory) {
+    TrustStore store(X509_STORE_new());
     if (!store || X509_STORE_load_file(store.get(), bundle) != 1) return nullptr;
     // The directory is looked up by subject hash when a chain needs it, as
     // libcurl would have it looked up.
@@ -52,7 +47,7 @@ class TrustStoreCache {
 public:
     // A new reference to the store of `bundle` and `directory`; null when
     // the bundle cannot be read or parsed.
-    StorePtr Get(const char* bundle, const char* directory) {
+    TrustStore Get(const char* bundle, const char* directory) {
         FileVersion version;
         if (!VersionOf(bundle, version)) return nullptr;
         std::lock_guard<std::mutex> lock(mutex_);
@@ -64,12 +59,12 @@ public:
             directory_ = directory != nullptr ? directory : "";
         }
         if (!store_ || X509_STORE_up_ref(store_.get()) != 1) return nullptr;
-        return StorePtr(store_.get());
+        return TrustStore(store_.get());
     }
 
 private:
     std::mutex mutex_;
-    StorePtr store_;
+    TrustStore store_;
     FileVersion version_;
     std::string bundle_;
     std::string directory_;
@@ -88,22 +83,27 @@ CURLcode InstallStore(CURL*, void* context, void* store) {
 
 }  // namespace
 
-void UseCachedTrustStore(CURL* handle) {
+void TrustStoreFree::operator()(X509_STORE* store) const { X509_STORE_free(store); }
+
+TrustStore UseCachedTrustStore(CURL* handle) {
     const char* bundle = nullptr;
     const char* directory = nullptr;
     if (curl_easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || bundle == nullptr) {
-        return;
+        return nullptr;
     }
     curl_easy_getinfo(handle, CURLINFO_CAPATH, &directory);
-    // The handle only borrows the store: the cache holds it, and a store
-    // replaced after a change of the bundle lives on in the contexts that
-    // took it (SSL_CTX_set1_cert_store counts a reference).
-    const StorePtr store = Cache().Get(bundle, directory);
-    if (!store) return;
-    if (curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, InstallStore) != CURLE_OK) return;
+    // The handle gets a raw pointer; the reference returned keeps the store
+    // alive even if another thread replaces the cached one meanwhile, and
+    // each TLS context that takes it counts a reference of its own
+    // (SSL_CTX_set1_cert_store).
+    TrustStore store = Cache().Get(bundle, directory);
+    if (!store || curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, InstallStore) != CURLE_OK) {
+        return nullptr;
+    }
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, store.get());
     curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
     curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+    return store;
 }
 
 }  // namespace detail

@@ -111,7 +111,8 @@ bool WaitReadable(int fd, milliseconds limit) {
     for (;;) {
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
         pollfd waiting{fd, POLLIN, 0};
-        const int ready = poll(&waiting, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+        const int ready =
+            poll(&waiting, 1, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
         if (ready > 0) return true;
         if (ready == 0 || errno != EINTR) return false;
     }
