@@ -12,20 +12,11 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-5}
 
-# shellcheck source=bench/in_box.sh
-. "$root/bench/in_box.sh" host-throughput "$build" "$seconds"
-
-command -v wrk >/dev/null || { echo "host_throughput: wrk is missing" >&2; exit 1; }
-url=https://127.0.0.1:8080/webapi
-password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
-login=$(curl -sf -d account=admin --data-urlencode "passwd=$password" "$url/auth.cgi")
-sid=$(printf '%s' "$login" | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
-token=$(printf '%s' "$login" | sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p')
-[ -n "$sid" ] || { echo "host_throughput: cannot log in" >&2; exit 1; }
+. "$root/bench/box_session.sh" host-throughput "$build" "$0" "$build" "$seconds"
 
 floor="$url/entry.cgi?api=Bench.Nothing&version=1&method=none"
 misc="$url/entry.cgi?api=ORVO.Core.Farlink&version=3&method=get_misc_config"
-curl -sf -b "id=$sid" -H "X-Farlink-Token: $token" "$misc" >/dev/null  # creates misc.conf
+curl -sf "${session[@]}" "$misc" >/dev/null  # creates misc.conf
 
 # wrk's requests per second and its 50th and 99th latency percentiles.
 measure() {

@@ -13,10 +13,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 seconds=${2:-60}
 
-# shellcheck source=bench/in_box.sh
-. "$root/bench/in_box.sh" host-web-security "$build" "$seconds"
-
-url=$FARLINK_BOX_URL/webapi
+# shellcheck source=bench/box_session.sh
+. "$root/bench/box_session.sh" host-web-security "$build" "$0" "$build" "$seconds"
 password=$(cat "$FARLINK_BOX_RUN_DIR/admin-password")
 
 # codes FROM ARGS...: each answer's error code (0 for a success), one a line.

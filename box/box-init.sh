@@ -130,7 +130,7 @@ EOF
 
 install_orvo() {
     mkdir -p /usr/orvo/sbin /usr/orvo/bin /usr/orvo/var/lib/orvorelayd /usr/orvo/etc/orvokivo
-    install -m 0755 "$bin/orvorelayd" /usr/orvo/sbin/orvorelayd
+    install -m 0755 "$bin/orvorelayd" "$bin/orvorelayd-daemon" /usr/orvo/sbin/
     install -m 0755 "$bin/orvokivo" /usr/orvo/bin/orvokivo
     install -m 0644 "$run/account.conf" /usr/orvo/etc/orvokivo/account.conf
     bind_dir "$run/orvorelayd" /usr/orvo/etc/orvorelayd

@@ -81,7 +81,7 @@ install(FILES ${FARLINK_WEB_SOURCES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT h
 # The box is a tree of the shape the launcher expects of a build directory
 # (bin/, lib/, deployment.env), so that one launcher serves both.
 install(TARGETS farlink-box-listen farlink-box-forward farlink-syslogd farlink-controlserver
-                orvorelayd-emu orvokivo-tool
+                orvorelayd-emu orvorelayd-daemon orvokivo-tool
         RUNTIME DESTINATION ${FARLINK_BOX_DIR}/bin COMPONENT host)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/box/farlink-box ${PROJECT_SOURCE_DIR}/box/box-init.sh
         DESTINATION ${FARLINK_BOX_DIR} COMPONENT host)

@@ -8,7 +8,7 @@ packages=(
     libjsoncpp-dev libevent-dev libssl-dev libcurl4-openssl-dev prometheus-cpp-dev
     libgtest-dev googletest libbenchmark-dev
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
-    dpkg-dev file lintian
+    dpkg-dev file lintian wrk
     chromium chromium-driver python3-selenium python3-jsonschema
     clang libclang-rt-14-dev
 )

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "request_internal.h"
+#include "trust_store.h"
 
 namespace ORVO {
 namespace Relay {
@@ -212,6 +213,7 @@ bool Request::Send() {
     }
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+    const detail::TrustStore trust = detail::UseCachedTrustStore(handle);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
     if (post_) {
         curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body_.c_str());

@@ -154,10 +154,13 @@ TEST_F(ConcurrencyTest, ManyClientsGetWhatEachWouldGetAlone) {
         EXPECT_TRUE(differences.empty())
             << differences.size() << " answers differ, first " << differences.front();
     }
+    // The file is read once every writer has had its last answer.
+    std::vector<WriterResult> results;
+    for (auto& writer : writers) results.push_back(writer.get());
     const Json::Value misc = ReadJson(ORVO::Paths::kMiscConf);
     const char* sections[] = {"relay_tunnel", "upnp"};
     for (std::size_t i = 0; i < std::size(kWriters); ++i) {
-        const WriterResult result = writers[i].get();
+        const WriterResult& result = results[i];
         EXPECT_GT(result.writes, 0);
         EXPECT_EQ(result.lost, 0) << kWriters[i].set << ": lost updates";
         EXPECT_EQ(misc[sections[i]][kWriters[i].member], result.last) << misc;

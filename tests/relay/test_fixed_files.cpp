@@ -6,6 +6,7 @@
 #include <orvo/relayd.h>
 #include <unistd.h>
 
+#include "daemon_process.h"
 #include "relay_test_support.h"
 
 using namespace ORVO::Relay;
@@ -110,9 +111,43 @@ TEST_F(DaemonProgram, UsageErrorsAndADetachedDaemonThatLeavesNoFiles) {
     EXPECT_EQ(Relayd({"--farlink", "status"}).output, "on");
 
     EXPECT_EQ(Relayd({"--farlink", "off"}).exitStatus, 0);
+    EXPECT_FALSE(ORVO::Relay::internal::IsDaemonProcess(pid)) << "off returns once it has ended";
     EXPECT_EQ(Relayd({"--farlink", "status"}).output, "off");
     EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
     EXPECT_NE(access(Paths::kRelaydStatus, F_OK), 0);
+}
+
+// "on" runs the daemon program that lies next to the command line; without
+// it, "on" fails at once and leaves no state, and the daemon program itself
+// refuses arguments it does not know.
+TEST_F(DaemonProgram, OnWithoutItsDaemonProgramFailsAndTheDaemonRefusesUsageErrors) {
+    const relay_test::TempDir alone;
+    std::filesystem::copy_file(RELAYD_PROGRAM, alone / "orvorelayd");
+    EXPECT_EQ(relay_test::RunProgram({alone / "orvorelayd", "--farlink", "on"}).exitStatus, 1);
+    EXPECT_EQ(Relayd({"--farlink", "status"}).output, "off");
+    EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
+
+    const std::string daemon =
+        std::filesystem::path(RELAYD_PROGRAM).parent_path() / "orvorelayd-daemon";
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {daemon, "--bogus"}, {daemon, "--ready-fd", "1"}, {daemon, "--ready-fd", "x"}}) {
+        EXPECT_EQ(relay_test::RunProgram(args).exitStatus, 2) << args.back();
+    }
+    EXPECT_NE(access(Paths::kRelaydPidFile, F_OK), 0);
+}
+
+// Starts that race: the daemon that loses the instance lock ends at once,
+// and its starter counts the winner.
+TEST_F(DaemonProgram, RacingStartsBothSucceedWithOneDaemon) {
+    const std::string on = std::string(RELAYD_PROGRAM) + " --farlink on";
+    FILE* first = popen(on.c_str(), "r");
+    FILE* second = popen(on.c_str(), "r");
+    ASSERT_TRUE(first != nullptr && second != nullptr);
+    EXPECT_EQ(pclose(first), 0);
+    EXPECT_EQ(pclose(second), 0);
+    EXPECT_EQ(Relayd({"--farlink", "status"}).output, "on");
+    const pid_t pid = std::atoi(ReadFile(Paths::kRelaydPidFile).c_str());
+    EXPECT_TRUE(ORVO::Relay::internal::IsDaemonProcess(pid));
 }
 
 }  // namespace

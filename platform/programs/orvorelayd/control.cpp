@@ -1,25 +1,36 @@
 #include "control.h"
 
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <orvo/paths.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <thread>
 
 #include "daemon_process.h"
 #include "host_info.h"
+#include "relay_daemon.h"
 
 namespace orvorelayd {
 namespace {
 
 namespace relay = ORVO::Relay::internal;
 using Clock = std::chrono::steady_clock;
+using farlink::UniqueFd;
 using std::chrono::milliseconds;
+
+constexpr const char kDaemonProgramName[] = "orvorelayd-daemon";
+constexpr int kChildReadyFd = 3;
 
 constexpr milliseconds kStartWait(2000);
 constexpr milliseconds kStopWait(3000);
@@ -43,8 +54,9 @@ public:
 
     // A detached daemon: its own session, default signal handling, stdio on
     // /dev/null, and none of the caller's other descriptors (a caller reading
-    // our output up to its end must not wait for the daemon).
-    bool PrepareDetached() {
+    // our output up to its end must not wait for the daemon) but `readyFd`,
+    // which it gets as descriptor 3.
+    bool PrepareDetached(int readyFd) {
         sigset_t none, defaults;
         sigemptyset(&none);
         sigemptyset(&defaults);
@@ -58,12 +70,13 @@ public:
                posix_spawn_file_actions_addopen(&actions_, 0, "/dev/null", O_RDWR, 0) == 0 &&
                posix_spawn_file_actions_adddup2(&actions_, 0, 1) == 0 &&
                posix_spawn_file_actions_adddup2(&actions_, 0, 2) == 0 &&
-               posix_spawn_file_actions_addclosefrom_np(&actions_, 3) == 0;
+               posix_spawn_file_actions_adddup2(&actions_, readyFd, kChildReadyFd) == 0 &&
+               posix_spawn_file_actions_addclosefrom_np(&actions_, kChildReadyFd + 1) == 0;
     }
 
-    pid_t Spawn(const std::string& program, const char* flag) {
-        std::string arg0 = program, arg1 = flag;
-        char* argv[] = {arg0.data(), arg1.data(), nullptr};
+    pid_t Spawn(const std::string& program) {
+        std::string arg0 = program, arg1 = kReadyFdFlag, arg2 = std::to_string(kChildReadyFd);
+        char* argv[] = {arg0.data(), arg1.data(), arg2.data(), nullptr};
         pid_t pid = 0;
         return posix_spawn(&pid, program.c_str(), &actions_, &attr_, argv, environ) == 0 ? pid : 0;
     }
@@ -73,10 +86,13 @@ private:
     posix_spawn_file_actions_t actions_;
 };
 
-std::string OwnExecutable() {
+// The daemon's program lies next to this one.
+std::string DaemonProgram() {
     char path[4096];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
-    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+    if (length <= 0) return std::string();
+    const std::string self(path, static_cast<size_t>(length));
+    return self.substr(0, self.rfind('/') + 1) + kDaemonProgramName;
 }
 
 template <typename Condition>
@@ -89,35 +105,63 @@ bool WaitFor(milliseconds limit, Condition done) {
     return true;
 }
 
-// Starts the background daemon and waits until it has announced itself.
-bool StartDaemon() {
-    const std::string self = OwnExecutable();
-    SpawnSettings settings;
-    if (self.empty() || !settings.PrepareDetached()) return false;
-    const pid_t child = settings.Spawn(self, kRunDaemonFlag);
-    if (child == 0) return false;
-    bool exited = false;
-    const bool announced = WaitFor(kStartWait, [&] {
-        if (relay::ReadDaemonPidFile() == child && relay::IsDaemonProcess(child)) return true;
-        exited = waitpid(child, nullptr, WNOHANG) == child;
-        return exited;
-    });
-    if (announced && exited) {
-        // It found another daemon holding the instance lock: that one counts.
-        return WaitFor(kStartWait, [] { return relay::RunningDaemonPid() != 0; });
+// Waits up to `limit` for `fd` to become readable; false on time-out.
+bool WaitReadable(int fd, milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+        pollfd waiting{fd, POLLIN, 0};
+        const int ready =
+            poll(&waiting, 1, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
+        if (ready > 0) return true;
+        if (ready == 0 || errno != EINTR) return false;
     }
-    if (!announced) {
+}
+
+// Starts the background daemon and waits until it has announced itself: one
+// byte on its end of a socket pair once its pid file is written, or the end
+// of the socket when it exits first.
+bool StartDaemon() {
+    const std::string program = DaemonProgram();
+    int ends[2];
+    if (program.empty() || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return false;
+    }
+    UniqueFd ours(ends[0]), theirs(ends[1]);
+    SpawnSettings settings;
+    if (!settings.PrepareDetached(theirs.Get())) return false;
+    const pid_t child = settings.Spawn(program);
+    theirs.Reset();
+    if (child == 0) return false;
+    if (!WaitReadable(ours.Get(), kStartWait)) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
+        return false;
     }
-    return announced;
+    char byte = 0;
+    if (recv(ours.Get(), &byte, 1, 0) == 1) return true;
+    // It ended without announcing itself, most likely because another daemon
+    // holds the instance lock: that one counts.
+    waitpid(child, nullptr, 0);
+    return WaitFor(kStartWait, [] { return relay::RunningDaemonPid() != 0; });
+}
+
+// A descriptor that becomes readable when `pid` exits (it is not our
+// child, so it cannot be waited for); invalid where the kernel has none.
+UniqueFd OpenProcessFd(pid_t pid) {
+    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
 bool StopDaemon(pid_t pid) {
     const auto gone = [pid] { return !relay::IsDaemonProcess(pid); };
-    if (kill(pid, SIGTERM) == 0 && WaitFor(kStopWait, gone)) return true;
+    const UniqueFd process = OpenProcessFd(pid);
+    const auto waitGone = [&](milliseconds limit) {
+        if (process.Valid()) return WaitReadable(process.Get(), limit) || gone();
+        return WaitFor(limit, gone);
+    };
+    if (kill(pid, SIGTERM) == 0 && waitGone(kStopWait)) return true;
     kill(pid, SIGKILL);
-    return WaitFor(kKillWait, gone);
+    return waitGone(kKillWait);
 }
 
 }  // namespace

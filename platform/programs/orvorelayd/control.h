@@ -6,9 +6,6 @@
 
 namespace orvorelayd {
 
-// Internal flag with which "--farlink on" starts the background daemon.
-constexpr const char kRunDaemonFlag[] = "--run-daemon";
-
 // Each returns the process exit status.
 int SwitchOn(const EmulationControls& controls);
 int SwitchOff(const EmulationControls& controls);

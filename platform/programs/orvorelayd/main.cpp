@@ -6,7 +6,6 @@
 
 #include "control.h"
 #include "emulation.h"
-#include "relay_daemon.h"
 
 namespace {
 
@@ -36,7 +35,6 @@ void TakeBackRootWhenReal() {
 int main(int argc, char** argv) {
     using namespace orvorelayd;
     TakeBackRootWhenReal();
-    if (argc == 2 && Is(argv[1], kRunDaemonFlag)) return RunRelayDaemon();
     if (argc == 2 && Is(argv[1], "--check-failover")) {
         return CheckFailover(LoadEmulationControls());
     }

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -136,7 +137,8 @@ int MillisecondsUntil(Clock::time_point when) {
 
 }  // namespace
 
-int RunRelayDaemon() {
+int RunRelayDaemon(int readyFd) {
+    UniqueFd ready(readyFd);
     const UniqueFd lock = AcquireSingleInstanceLock();
     if (!lock.Valid()) return 3;
     const UniqueFd signals = OpenSignalFd({SIGHUP, SIGUSR1, SIGTERM, SIGINT});
@@ -148,6 +150,10 @@ int RunRelayDaemon() {
         daemon.Stop();
         return 1;
     }
+    // The starter waits for this byte or the end of its socket rather than
+    // polling for the pid file; a starter already gone must not end us.
+    if (ready.Valid()) send(ready.Get(), "1", 1, MSG_NOSIGNAL);
+    ready.Reset();
     auto nextHeartbeat = Clock::now();
     for (;;) {
         if (Clock::now() >= nextHeartbeat) {
