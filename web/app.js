@@ -2,7 +2,7 @@
 // that comes from the box is only ever set as text (textContent, value).
 import { ApiError, auditRecords, call, fetchJson, signIn, signOut } from "./api.js";
 import { describe, describeWord, loadCodes } from "./codes.js";
-import { diagnose } from "./doctor.js";
+import { ALL_CLEAR, diagnose } from "./doctor.js";
 
 const FARLINK = "ORVO.Core.Farlink";
 const STATUS_PERIOD_MS = 15000;
@@ -389,8 +389,10 @@ function doctorStep(index, label, state, detail) {
 $("doctor-run").addEventListener("click", (event) => {
   $("doctor-steps").replaceChildren();
   run("doctor", [event.target], "The doctor is running its checks…", async () => {
-    const { sentence, next } = await diagnose(doctorStep);
-    return `Verdict: ${sentence} ${next}`.trim();
+    const verdict = await diagnose(doctorStep);
+    if (verdict === ALL_CLEAR) return `Verdict: ${verdict.sentence}`;
+    // A problem is said as a failure: in words, and marked as one.
+    throw new ApiError(null, { sentence: `Verdict: ${verdict.sentence}`, next: verdict.next });
   });
 });
 

@@ -127,10 +127,12 @@ export async function diagnose(report) {
       report(index, step.label, finding ? "finding" : "ok", detail);
       if (finding) findings.push(finding);
     } catch (error) {
+      // A session that ended is the page's to handle: the sign-in form.
+      if (error instanceof ApiError && error.signedOut) throw error;
       const stop = stopFor(error);
       report(index, step.label, "failed", stop.detail);
       all.slice(index + 1).forEach((later, offset) =>
-        report(index + 1 + offset, later.label, "skipped", "not run: it depends on the step that failed."),
+        report(index + 1 + offset, later.label, "skipped", "It depends on the step that failed."),
       );
       return stop.words;
     }
