@@ -1,7 +1,7 @@
 // The admin page: every section's reading and changing of the relay. Text
 // that comes from the box is only ever set as text (textContent, value).
 import { ApiError, auditRecords, call, fetchJson, signIn, signOut } from "./api.js";
-import { describe, describeWord, loadCodes } from "./codes.js";
+import { LOCAL, describe, describeWord, loadCodes } from "./codes.js";
 import { ALL_CLEAR, diagnose } from "./doctor.js";
 
 const FARLINK = "ORVO.Core.Farlink";
@@ -25,7 +25,7 @@ function say(name, kind, text) {
 function wordsOf(error) {
   if (error instanceof ApiError) return error;
   console.error(error);
-  return { sentence: "Something went wrong on this page.", next: "Reload the page." };
+  return LOCAL.broken;
 }
 
 // Every failure ends here: its sentence and way forward in the section, and

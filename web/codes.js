@@ -10,7 +10,8 @@ let table = new Map();
 let words = new Map();
 let loading = null;
 
-// Failures that never reached an answer: they have no code of their own.
+// Failures that never reached an answer, and the page's own: they have no
+// code of their own.
 export const LOCAL = {
   unreachable: {
     sentence: "The box cannot be reached: the network is down or the host has stopped.",
@@ -19,6 +20,10 @@ export const LOCAL = {
   timeout: {
     sentence: "The box did not answer in time.",
     next: "Try again; if it happens again, check the box's network connection.",
+  },
+  broken: {
+    sentence: "Something went wrong on this page.",
+    next: "Reload the page.",
   },
   unreadable: {
     sentence: "The box sent an answer the page cannot read.",

@@ -4,7 +4,7 @@
 // (the module's own time-outs, then the page's abort in api.js), so the
 // doctor always ends. The sentences come from openapi.json (codes.js).
 import { ApiError, call, fetchJson } from "./api.js";
-import { describe, describeWord, loadCodes, wordsForCode } from "./codes.js";
+import { LOCAL, describe, describeWord, loadCodes, wordsForCode } from "./codes.js";
 
 const FARLINK = "ORVO.Core.Farlink";
 const SUCCESS = 2908;
@@ -43,7 +43,7 @@ function stopFor(error) {
   if (error instanceof Stop) return error;
   if (error instanceof ApiError) return new Stop(error);
   console.error(error);
-  return new Stop({ sentence: "Something went wrong on this page.", next: "Reload the page." });
+  return new Stop(LOCAL.broken);
 }
 
 async function lookUp(hostname) {
@@ -106,7 +106,9 @@ function steps(facts) {
       async probe() {
         const data = await call(FARLINK, 2, "get");
         const shown = (value) => (value ? String(value) : "none");
-        const detail = `Alias ${shown(data.server_alias)}, server ID ${shown(data.server_id)}, account ${shown(data.kivo_account)}.`;
+        const detail =
+          `Alias ${shown(data.server_alias)}, server ID ${shown(data.server_id)}, ` +
+          `account ${shown(data.kivo_account)}.`;
         return { detail, finding: data.server_alias ? null : ["alias", NO_ALIAS] };
       },
     },

@@ -92,7 +92,9 @@ function render(document) {
   }
   for (const entry of document["x-daemon-words"]) {
     const row = element("tr", undefined, { id: `word-${entry.word}` });
-    const answer = entry.kind === "status" ? "reported as it is" : entry.code === 2908 ? "state stays connecting" : `code ${entry.code}`;
+    let answer = `code ${entry.code}`;
+    if (entry.kind === "status") answer = "reported as it is";
+    else if (entry.code === 2908) answer = "state stays connecting";
     row.append(element("td", entry.word), element("td", entry.kind), element("td", answer),
       element("td", `${entry.sentence} ${entry.next}`.trim()));
     $("daemon-words").append(row);

@@ -325,8 +325,11 @@ class AdminPage(unittest.TestCase):
         documented = [row.get_attribute("data-row")
                       for row in self.browser.find_elements(By.CSS_SELECTOR, "article.row")]
         self.assertEqual(documented, module_rows())
-        for code in list(range(2900, 2912)) + [100, 105, 111, 114, 400]:
+        for code in list(range(2900, 2912)) + [100, 105, 111, 114, 116, 117, 400]:
             self.assertTrue(self.find(f"#code-{code}").text)
+        for word in ("not_running", "connecting", "connected", "unregistered",
+                     "err_resolv", "err_network", "err_violation", "err_server"):
+            self.assertTrue(self.find(f"#word-{word}").text)
         self.shot("reference")
         self.check_answers_match_the_schemas()
 
@@ -353,6 +356,11 @@ class AdminPage(unittest.TestCase):
             jsonschema.Draft202012Validator(schema).validate(answer.get("data"))
             checked += 1
         self.assertGreaterEqual(checked, 10)
+        _, audit = post_json(URL + "/webapi/audit.cgi", session)
+        self.assertTrue(audit["data"]["records"])
+        for record in audit["data"]["records"]:
+            jsonschema.Draft202012Validator({**document["components"]["schemas"]["AuditRecord"],
+                                             "components": document["components"]}).validate(record)
 
     def test_8_sign_out_ends_the_session(self):
         self.ensure_signed_in()
