@@ -15,6 +15,7 @@ const $ = (id) => document.getElementById(id);
 const outcomeOf = (name) => document.querySelector(`[data-for="${name}"]`);
 let signedIn = false;
 let statusRunning = false;
+let changesAsked = 0;
 
 function say(name, kind, text) {
   const element = outcomeOf(name);
@@ -206,7 +207,8 @@ function refreshAll() {
 
 onSubmit("relay-form", (form) => {
   const enabled = $("relay-enabled").checked;
-  change("relay", [submitButton(form)], enabled ? "Switching the relay on…" : "Switching the relay off…", async () => {
+  const busy = enabled ? "Switching the relay on…" : "Switching the relay off…";
+  change("relay", [submitButton(form)], busy, async () => {
     await call(FARLINK, 2, "set", { enabled });
     refreshStatus();
     refreshSettings();
@@ -408,8 +410,10 @@ function recordCells(record) {
 
 async function refreshChanges() {
   if (!signedIn) return;
+  const asked = ++changesAsked;
   try {
     const records = (await auditRecords()).slice(-CHANGES_SHOWN).reverse();
+    if (asked !== changesAsked) return; // a later reading is on its way
     const rows = records.map((record) => {
       const row = document.createElement("tr");
       for (const text of recordCells(record || {})) {
