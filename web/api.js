@@ -81,6 +81,12 @@ export function call(api, version, method, params = {}) {
   );
 }
 
+// The host's latest audit records, oldest first.
+export async function auditRecords() {
+  const data = await post("/webapi/audit.cgi", {}, tokenHeader());
+  return data && Array.isArray(data.records) ? data.records : [];
+}
+
 export async function signIn(account, passwd) {
   const data = await post("/webapi/auth.cgi", { account, passwd });
   // A host without anti-forgery tokens answers only the session id.

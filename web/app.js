@@ -1,25 +1,21 @@
 // The admin page: every section's reading and changing of the relay. Text
 // that comes from the box is only ever set as text (textContent, value).
-import { ApiError, call, fetchJson, signIn, signOut } from "./api.js";
-import { describe, loadCodes } from "./codes.js";
+import { ApiError, auditRecords, call, fetchJson, signIn, signOut } from "./api.js";
+import { LOCAL, describe, describeWord, loadCodes } from "./codes.js";
+import { ALL_CLEAR, diagnose } from "./doctor.js";
 
 const FARLINK = "ORVO.Core.Farlink";
 const STATUS_PERIOD_MS = 15000;
+const CHANGES_SHOWN = 10;
 const SUCCESS = 2908;
 const ALIAS_TAKEN = 2904;
 const ALIAS_PATTERN = /^[A-Za-z][A-Za-z0-9-]*$/;
-const DAEMON_WORDS = {
-  not_running: "not running",
-  connecting: "connecting",
-  connected: "connected",
-  unregistered: "not registered",
-  unknown: "unknown",
-};
 
 const $ = (id) => document.getElementById(id);
 const outcomeOf = (name) => document.querySelector(`[data-for="${name}"]`);
 let signedIn = false;
 let statusRunning = false;
+let changesAsked = 0;
 
 function say(name, kind, text) {
   const element = outcomeOf(name);
@@ -30,7 +26,7 @@ function say(name, kind, text) {
 function wordsOf(error) {
   if (error instanceof ApiError) return error;
   console.error(error);
-  return { sentence: "Something went wrong on this page.", next: "Reload the page." };
+  return LOCAL.broken;
 }
 
 // Every failure ends here: its sentence and way forward in the section, and
@@ -54,6 +50,13 @@ async function run(name, controls, busyText, work) {
   } finally {
     controls.forEach((control) => (control.disabled = false));
   }
+}
+
+// A change the box records: the recent changes are read again after it,
+// whatever its outcome (a refused change is recorded too).
+async function change(name, controls, busyText, work) {
+  await run(name, controls, busyText, work);
+  refreshChanges();
 }
 
 function submitButton(form) {
@@ -137,6 +140,7 @@ async function refreshStatus() {
   statusRunning = true;
   try {
     const data = await call(FARLINK, 1, "status");
+    await loadCodes(fetchJson);
     $("daemon-status").textContent = daemonWords(data.status);
     $("alias-status").textContent = show(data.alias_status);
     say("status", "ok", "");
@@ -151,8 +155,8 @@ async function refreshStatus() {
 }
 
 function daemonWords(status) {
-  const words = DAEMON_WORDS[status];
-  return words && words !== status ? `${words} (${status})` : show(status);
+  const { meaning } = describeWord(status);
+  return meaning && meaning !== status ? `${meaning} (${status})` : show(status);
 }
 
 async function refreshSettings() {
@@ -192,6 +196,7 @@ function refreshAll() {
     const upnp = await call(`${FARLINK}.Upnp`, 1, "get");
     $("upnp-enabled").checked = Boolean(upnp && upnp.enabled === true);
   });
+  refreshChanges();
   refresh("services", async () => {
     const data = await call(`${FARLINK}.Permission`, 1, "get");
     renderServices(Array.isArray(data.services) ? data.services : []);
@@ -202,7 +207,8 @@ function refreshAll() {
 
 onSubmit("relay-form", (form) => {
   const enabled = $("relay-enabled").checked;
-  run("relay", [submitButton(form)], enabled ? "Switching the relay on…" : "Switching the relay off…", async () => {
+  const busy = enabled ? "Switching the relay on…" : "Switching the relay off…";
+  change("relay", [submitButton(form)], busy, async () => {
     await call(FARLINK, 2, "set", { enabled });
     refreshStatus();
     refreshSettings();
@@ -223,7 +229,7 @@ function bindAlias(force) {
     params.kivo_password = $("kivo-password").value;
   }
   const controls = [$("alias-bind"), $("alias-force")];
-  run("alias", controls, "Binding the alias; the control server can take up to a minute…", async () => {
+  change("alias", controls, "Binding the alias; the control server can take up to a minute…", async () => {
     if (!ALIAS_PATTERN.test(alias)) {
       throw new ApiError(null, {
         sentence: "An alias begins with a letter and holds only letters, digits and hyphens.",
@@ -278,7 +284,7 @@ $("get-register-site").addEventListener("click", (event) =>
 
 onSubmit("tunnel-form", (form) => {
   const relay_enabled = $("tunnel-enabled").checked;
-  run("tunnel", [submitButton(form)], "Saving…", async () => {
+  change("tunnel", [submitButton(form)], "Saving…", async () => {
     await call(FARLINK, 3, "set_misc_config", { relay_enabled });
     return relay_enabled ? "The relay tunnel is on." : "The relay tunnel is off.";
   });
@@ -286,7 +292,7 @@ onSubmit("tunnel-form", (form) => {
 
 onSubmit("upnp-form", (form) => {
   const enabled = $("upnp-enabled").checked;
-  run("upnp", [submitButton(form)], "Saving…", async () => {
+  change("upnp", [submitButton(form)], "Saving…", async () => {
     await call(`${FARLINK}.Upnp`, 1, "set", { enabled });
     return enabled ? "UPnP is on." : "UPnP is off.";
   });
@@ -295,7 +301,7 @@ onSubmit("upnp-form", (form) => {
 onSubmit("sni-form", (form) => {
   const enabled = $("sni-enabled").checked;
   const domain = $("sni-domain").value.trim();
-  run("sni", [submitButton(form)], "Saving…", async () => {
+  change("sni", [submitButton(form)], "Saving…", async () => {
     if (enabled && !domain) {
       throw new ApiError(null, { sentence: "SNI needs a domain.", next: "Enter the domain, then save." });
     }
@@ -344,7 +350,7 @@ onSubmit("services-form", (form) => {
     const [id, enabled] = row.querySelectorAll("input");
     return { ...row.entry, id: id.value.trim(), enabled: enabled.checked };
   });
-  run("services", [submitButton(form)], "Saving the services…", async () => {
+  change("services", [submitButton(form)], "Saving the services…", async () => {
     if (services.some((service) => service.id === "")) {
       throw new ApiError(null, { sentence: "Every service needs an ID.", next: "Fill it in or remove the row." });
     }
@@ -365,6 +371,64 @@ onSubmit("lookup-form", (form) => {
     return "";
   });
 });
+
+// --- the connection doctor ------------------------------------------------------
+
+// Each step's state in words; the colour only repeats it.
+const STEP_WORDS = { running: "checking", ok: "fine", finding: "problem", failed: "failed", skipped: "skipped" };
+
+function doctorStep(index, label, state, detail) {
+  const list = $("doctor-steps");
+  let item = list.children[index];
+  if (!item) {
+    item = document.createElement("li");
+    list.append(item);
+  }
+  item.dataset.kind = state;
+  item.textContent = `${label}: ${STEP_WORDS[state]}. ${state === "running" ? "" : detail}`.trim();
+}
+
+$("doctor-run").addEventListener("click", (event) => {
+  $("doctor-steps").replaceChildren();
+  run("doctor", [event.target], "The doctor is running its checks…", async () => {
+    const verdict = await diagnose(doctorStep);
+    if (verdict === ALL_CLEAR) return `Verdict: ${verdict.sentence}`;
+    // A problem is said as a failure: in words, and marked as one.
+    throw new ApiError(null, { sentence: `Verdict: ${verdict.sentence}`, next: verdict.next });
+  });
+});
+
+// --- recent changes -------------------------------------------------------------------
+
+function recordCells(record) {
+  const time = typeof record.time === "string" ? record.time.replace("T", " ").replace(/\.\d+Z$/, " UTC") : "";
+  const what =
+    record.event === "login" ? "sign-in" : `${show(record.api)} v${show(record.version)} ${show(record.method)}`;
+  const params = record.params === undefined ? "" : JSON.stringify(record.params);
+  return [time, show(record.client), what, show(record.result), params];
+}
+
+async function refreshChanges() {
+  if (!signedIn) return;
+  const asked = ++changesAsked;
+  try {
+    const records = (await auditRecords()).slice(-CHANGES_SHOWN).reverse();
+    if (asked !== changesAsked) return; // a later reading is on its way
+    const rows = records.map((record) => {
+      const row = document.createElement("tr");
+      for (const text of recordCells(record || {})) {
+        const cell = document.createElement("td");
+        cell.textContent = text;
+        row.append(cell);
+      }
+      return row;
+    });
+    $("change-records").replaceChildren(...rows);
+    say("changes", "ok", rows.length === 0 ? "The box has recorded no change yet." : "");
+  } catch (error) {
+    report("changes", error);
+  }
+}
 
 // --- start -------------------------------------------------------------------------
 

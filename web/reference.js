@@ -77,8 +77,9 @@ function render(document) {
   const codes = new Map(document["x-error-codes"].map((entry) => [entry.code, entry]));
   $("about").textContent = document.info.description;
   for (const [path, item] of Object.entries(document.paths)) {
-    const operation = item.post;
-    $("endpoints").append(element("h3", `POST ${path}`), element("p", operation.summary),
+    const verbs = Object.keys(item);
+    const operation = item[verbs[0]];
+    $("endpoints").append(element("h3", `${verbs.join(", ").toUpperCase()} ${path}`), element("p", operation.summary),
       element("p", operation.description));
   }
   const variants = document.components.schemas.EntryCall.oneOf;
@@ -88,6 +89,15 @@ function render(document) {
     row.append(element("td", String(entry.code)), element("td", entry.from), element("td", entry.meaning),
       element("td", `${entry.sentence} ${entry.next}`.trim()));
     $("codes").append(row);
+  }
+  for (const entry of document["x-daemon-words"]) {
+    const row = element("tr", undefined, { id: `word-${entry.word}` });
+    let answer = `code ${entry.code}`;
+    if (entry.kind === "status") answer = "reported as it is";
+    else if (entry.code === 2908) answer = "state stays connecting";
+    row.append(element("td", entry.word), element("td", entry.kind), element("td", answer),
+      element("td", `${entry.sentence} ${entry.next}`.trim()));
+    $("daemon-words").append(row);
   }
 }
 

@@ -7,6 +7,7 @@ the daemon's process, the control server's records, services.conf, the
 host's answer after sign-out. Scenarios run in order on one browser; each
 leaves a screenshot in FARLINK_UI_SHOTS.
 """
+import contextlib
 import hashlib
 import json
 import os
@@ -30,6 +31,7 @@ SHOTS = os.environ.get("FARLINK_UI_SHOTS", os.path.join(RUN_DIR, "screenshots"))
 SERVICES_CONF = "/usr/orvo/etc/orvorelayd/services.conf"
 RELAYD_PID = "/usr/orvo/var/run/orvorelayd.pid"
 RESOLV_CONF = "/etc/resolv.conf"
+ACCOUNT_CONF = "/usr/orvo/etc/orvokivo/account.conf"
 # Every call in the box answers within a few seconds unless a fault delays it.
 SETTLE_SECONDS = 20
 # The control server's client gives up after 30 s.
@@ -55,6 +57,17 @@ def control(path, body=None):
     post_json(CONTROL + path, body or {})
 
 
+@contextlib.contextmanager
+def controlled(path, body, *also):
+    """The control server told `path` `body` for the block (with the other
+    contexts `also`); the test's reset forgets it."""
+    with contextlib.ExitStack() as stack:
+        for context in also:
+            stack.enter_context(context)
+        control(path, body)
+        yield
+
+
 def control_records():
     with urllib.request.urlopen(CONTROL + "/control/records", timeout=10) as answer:
         return json.loads(answer.read())
@@ -67,6 +80,25 @@ def module_rows():
     names = dict(re.findall(r'constexpr char (k\w+)\[\] = "([^"]+)";', text))
     return [f"{names[api]}/{version}/{method}"
             for api, version, method in re.findall(r'\{(k\w+Api), (\d), "(\w+)", \w+\}', text)]
+
+
+@contextlib.contextmanager
+def rewritten(path, text):
+    """The file holds `text` for the block; rewritten in place, since the box
+    binds some files alone."""
+    with open(path) as file:
+        before = file.read()
+    try:
+        with open(path, "w") as file:
+            file.write(text)
+        yield
+    finally:
+        with open(path, "w") as file:
+            file.write(before)
+
+
+def silent_resolver():
+    return rewritten(RESOLV_CONF, f"nameserver {os.environ['FARLINK_BOX_SILENT_NAMESERVER']}\n")
 
 
 def daemon_running():
@@ -127,8 +159,13 @@ class AdminPage(unittest.TestCase):
         self.until(lambda: text in self.outcome(name), f"'{text}' in {name}", seconds)
         return self.outcome(name)
 
-    def shot(self, name):
-        self.browser.save_screenshot(os.path.join(SHOTS, name + ".png"))
+    def shot(self, name, css=None):
+        path = os.path.join(SHOTS, name + ".png")
+        if css:
+            self.browser.execute_script("arguments[0].scrollIntoView()", self.find(css))
+            self.find(css).screenshot(path)
+        else:
+            self.browser.save_screenshot(path)
 
     def open_page(self):
         self.browser.get(URL + "/")
@@ -202,6 +239,13 @@ class AdminPage(unittest.TestCase):
         self.assertEqual(bodies[0]["force"], "false")
         self.assertNotIn("secret-pw1", json.dumps(control_records()))
         self.shot("alias-bound")
+        # The change is among the recent changes, its password replaced.
+        self.until(lambda: "set_server_alias" in self.find("#change-records").text, "the change recorded")
+        change = self.find("#change-records tr").text
+        self.assertIn("set_server_alias", change)
+        self.assertIn('"kivo_password":"[redacted]"', change)
+        self.assertNotIn("secret-pw1", self.find("body").text + self.browser.page_source)
+        self.shot("recent-changes", "#changes")
 
     def test_4_refusal_shows_its_sentence_and_offers_force(self):
         self.ensure_signed_in()
@@ -251,16 +295,9 @@ class AdminPage(unittest.TestCase):
         self.until_outcome("alias", "A network failure", seconds=SILENCE_SECONDS)
         self.assertFalse(self.find("#alias-progress").is_displayed())
         # No name server answers: the status says what 2907 means.
-        with open(RESOLV_CONF) as file:
-            resolver = file.read()
-        try:
-            with open(RESOLV_CONF, "w") as file:  # in place: the box binds this file
-                file.write(f"nameserver {os.environ['FARLINK_BOX_SILENT_NAMESERVER']}\n")
+        with silent_resolver():
             self.find("#status-refresh").click()
             self.until_outcome("status", "The box cannot resolve the control server's name")
-        finally:
-            with open(RESOLV_CONF, "w") as file:
-                file.write(resolver)
         # The network down between the browser and the box.
         self.offline(True)
         try:
@@ -288,8 +325,11 @@ class AdminPage(unittest.TestCase):
         documented = [row.get_attribute("data-row")
                       for row in self.browser.find_elements(By.CSS_SELECTOR, "article.row")]
         self.assertEqual(documented, module_rows())
-        for code in list(range(2900, 2912)) + [100, 105, 111, 114, 400]:
+        for code in list(range(2900, 2912)) + [100, 105, 111, 114, 116, 117, 400]:
             self.assertTrue(self.find(f"#code-{code}").text)
+        for word in ("not_running", "connecting", "connected", "unregistered",
+                     "err_resolv", "err_network", "err_violation", "err_server"):
+            self.assertTrue(self.find(f"#word-{word}").text)
         self.shot("reference")
         self.check_answers_match_the_schemas()
 
@@ -316,6 +356,11 @@ class AdminPage(unittest.TestCase):
             jsonschema.Draft202012Validator(schema).validate(answer.get("data"))
             checked += 1
         self.assertGreaterEqual(checked, 10)
+        _, audit = post_json(URL + "/webapi/audit.cgi", session)
+        self.assertTrue(audit["data"]["records"])
+        for record in audit["data"]["records"]:
+            jsonschema.Draft202012Validator({**document["components"]["schemas"]["AuditRecord"],
+                                             "components": document["components"]}).validate(record)
 
     def test_8_sign_out_ends_the_session(self):
         self.ensure_signed_in()
@@ -333,6 +378,34 @@ class AdminPage(unittest.TestCase):
         if token is None:
             self.skipTest("this host has no logout yet (its login answers no token)")
         self.assertEqual(answer, {"success": False, "error": {"code": 105}})
+
+
+    def test_9_doctor_ends_in_the_verdict_for_each_fault(self):
+        self.ensure_signed_in()
+        cnc_site = {"errno": 0, "host": "cnc.farlink-cn.test", "region": "cn",
+                    "ddns_domain": "direct.farlink-cn.test", "portal_domain": "farlink-cn.test"}
+        with open(ACCOUNT_CONF) as file:
+            unvalidated = json.dumps({**json.load(file), "realname_validated": False})
+        situations = [
+            ("doctor-dns", silent_resolver, "The box cannot resolve the control server's name"),
+            ("doctor-register-site", lambda: controlled(
+                "/control/fault", {"command": "get_register_site", "mode": "error", "errno": 3}),
+             "The control server refused the account or the box's credentials"),
+            ("doctor-region", lambda: controlled(
+                "/control/site", {"global_host": "global.farlink.test", "answer": cnc_site},
+                rewritten(ACCOUNT_CONF, unvalidated)),
+             "The relay is not available in this server's region without a validated account."),
+        ]
+        for name, situation, verdict in situations:
+            with self.subTest(name), situation():
+                self.find("#doctor-run").click()
+                self.until_outcome("doctor", "Verdict: " + verdict)
+                self.assertEqual(self.find('[data-for="doctor"]').get_attribute("data-kind"), "error")
+                steps = [step.text for step in self.browser.find_elements(By.CSS_SELECTOR, "#doctor-steps li")]
+                self.assertEqual(len(steps), 6, steps)
+                self.assertFalse(any(step.endswith("checking.") for step in steps), steps)
+                self.shot(name, "#doctor")
+            control("/control/reset")
 
 
 if __name__ == "__main__":
