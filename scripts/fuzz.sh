@@ -34,7 +34,9 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DFARLINK_FUZZ=ON -DFARLINK_BENCH=OFF >/dev/null
 nice -n 10 cmake --build "$build" -j "$(nproc)" --target fuzzers
 
-# A finding of the sanitizers is a crash, so the fuzzer keeps its input.
+# A finding of the sanitizers is a crash, so the fuzzer keeps its input. No
+# input deserves a single allocation of 256 MiB (-malloc_limit_mb): one that
+# asks for it has been believed about a size it announced.
 export ASAN_OPTIONS=abort_on_error=1:detect_leaks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
@@ -48,6 +50,7 @@ run_one() {
     rm -rf "$work" "$build/box-runs/$name"
     mkdir -p "$work/corpus" "$work/artifacts"
     local args=(-max_total_time="$seconds" -runs="$runs" -timeout=30 -rss_limit_mb=2048
+        -malloc_limit_mb=256
         -print_final_stats=1 -artifact_prefix="$PWD/$work/artifacts/"
         -dict="$PWD/tests/fuzz/dict/$name.dict" "$PWD/$work/corpus" "$PWD/tests/fuzz/corpus/$name")
     local command=("$program" "${args[@]}")
