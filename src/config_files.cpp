@@ -35,10 +35,10 @@ bool ReadJsonFile(const std::string& path, Json::Value& value) {
     try {
         parsed = reader.parse(in, value, false);
     } catch (const std::ios_base::failure&) {
-        // A read error (a directory, a failing disk) escapes the stream as an
-        // exception; such a file cannot be read, it is not a damaged one.
+        // A read error (a directory, a failing disk): unreadable, not damaged.
         value = Json::Value();
         return false;
+    } catch (const Json::Exception&) {  // nested past the reader's limit: it does not parse
     }
     if (!parsed) {
         // No half-parsed document reaches a caller that ignores the result.

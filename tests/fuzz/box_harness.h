@@ -20,10 +20,6 @@ const ORVO::APITableEntry& Row(const char* api, int version, const char* method)
 
 struct HostCall {
     ORVO::APIResponse response;
-    // An exception escaped the handler. The host's worker answers such a
-    // call with its own error and goes on; so does the harness, printing
-    // "handler threw: ..." for the campaign's log (docs/fuzzing.md).
-    bool threw = false;
 };
 
 // Runs the row's handler with `params` as the host would, checking that it
