@@ -111,7 +111,14 @@ bool ParseJson(const std::string& text, Json::Value& out) {
     Json::CharReaderBuilder builder;
     builder["failIfExtra"] = true;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    return reader->parse(text.data(), text.data() + text.size(), &out, nullptr);
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &out, nullptr);
+    } catch (const Json::Exception&) {
+        // Nested past the reader's depth limit: a body that is not JSON, not
+        // a reason for the server to stop.
+        out = Json::Value();
+        return false;
+    }
 }
 
 std::string ServerIdForSerial(const std::string& serial) {

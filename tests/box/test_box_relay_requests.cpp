@@ -45,6 +45,17 @@ protected:
     }
 };
 
+// A body nested past the JSON reader's depth limit is not JSON to the
+// control server, and no reason for it to stop serving.
+TEST_F(RelayRequestTest, TheControlServerOutlivesABodyNestedTooDeep) {
+    Json::Value deep(Json::objectValue);
+    Json::Value* level = &deep;
+    for (int i = 0; i < 1100; ++i) level = &((*level)["a"] = Json::Value(Json::objectValue));
+    (void)Request(kUrl, deep, true).Send();
+    Request request(kUrl, Command("heartbeat"), true);
+    EXPECT_TRUE(request.Send()) << request.GetError();
+}
+
 TEST_F(RelayRequestTest, UnusableAnswersAreTold) {
     for (const auto& [mode, sent, error] : {std::tuple{"malformed", true, RELAYD_ERR_BAD_RESPONSE},
                                             {"close", false, RELAYD_ERR_NETWORK}}) {
