@@ -68,7 +68,7 @@ TEST(HostOperations, HealthMetricsAndAuditTellWhatHappenedAndNoSecret) {
         EXPECT_EQ(Fetch(InSession(session, "GET", change)).json["success"], true);
     }
     EXPECT_EQ(Fetch(InSession(session, "GET",
-                              base + "/webapi/entry.cgi?api=Test.Host&version=1&method=crash"))
+                              base + "/webapi/entry.cgi?api=Test.Host&version=1&method=abort"))
                   .json["error"]["code"],
               110);
 
@@ -79,7 +79,7 @@ TEST(HostOperations, HealthMetricsAndAuditTellWhatHappenedAndNoSecret) {
     };
     EXPECT_EQ(requests("Test.Echo", "echo", "0"), 3);
     EXPECT_EQ(requests("Test.Host", "set_exclusive", "0"), 2);
-    EXPECT_EQ(requests("Test.Host", "crash", "110"), 1);
+    EXPECT_EQ(requests("Test.Host", "abort", "110"), 1);
     EXPECT_EQ(MetricSample(text, "farlink_worker_crashes_total"), 1);
     EXPECT_EQ(MetricSample(text, R"(farlink_logins_total{result="success"})"), 1);
     EXPECT_EQ(MetricSample(text, R"(farlink_logins_total{result="failure"})"), 1);
