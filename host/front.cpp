@@ -212,7 +212,8 @@ private:
         const Clock::time_point started = Clock::now();
         guard_->RequestArrived(request);
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
-        if (StaticFiles::Claims(exchange.method, exchange.path)) {
+        // A foreign Host goes on to the router, which refuses it.
+        if (names_.Allows(exchange.host) && StaticFiles::Claims(exchange.method, exchange.path)) {
             if (std::optional<StaticFile> file = pages_.Find(exchange.path)) {
                 SendFile(request, exchange, std::move(*file), started);
                 return;

@@ -97,6 +97,10 @@ TEST(StaticFiles, TheHostServesThePageWithoutASessionAndKeepsTheApi) {
     const auto page = farlink_test::Fetch("GET", host.BaseUrl() + "/");
     EXPECT_EQ(page.status, 200);
     EXPECT_EQ(page.body, "<p>page</p>");
+    farlink_test::HttpRequest rebound;
+    rebound.url = host.BaseUrl() + "/";
+    rebound.headers = {"Host: attacker.example"};
+    EXPECT_EQ(farlink_test::Fetch(rebound).json["error"]["code"].asInt(), 116);
     for (const char* path : {"/secret.txt", "/css/", "/webapi/nothing"}) {
         SCOPED_TRACE(path);
         const auto refused = farlink_test::Fetch("GET", host.BaseUrl() + path);
