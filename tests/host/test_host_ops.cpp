@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "host_harness.h"
-#include "metrics_text.h"
 
 namespace farlink::host::test {
 namespace {
@@ -17,6 +16,15 @@ using farlink_test::HttpRequest;
 using farlink_test::HttpResult;
 
 constexpr char kEcho[] = "/webapi/entry.cgi?api=Test.Echo&version=1&method=echo";
+
+// The value of the series written exactly as `series`, or -1 when absent.
+double MetricSample(const std::string& text, const std::string& series) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(series + " ", 0) == 0) return std::stod(line.substr(series.size() + 1));
+    }
+    return -1;
+}
 
 std::string ReadWhole(const std::string& path) {
     std::ifstream file(path);
@@ -67,6 +75,8 @@ TEST(HostOperations, HealthMetricsAndAuditTellWhatHappenedAndNoSecret) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(Fetch(InSession(session, "GET", change)).json["success"], true);
     }
+    // A client-made name must not become a series of its own.
+    Fetch(InSession(session, "GET", base + "/webapi/entry.cgi?api=Evil.Api&version=1&method=x"));
     EXPECT_EQ(Fetch(InSession(session, "GET",
                               base + "/webapi/entry.cgi?api=Test.Host&version=1&method=abort"))
                   .json["error"]["code"],
@@ -78,6 +88,10 @@ TEST(HostOperations, HealthMetricsAndAuditTellWhatHappenedAndNoSecret) {
                                       "\",method=\"" + method + "\",version=\"1\"}");
     };
     EXPECT_EQ(requests("Test.Echo", "echo", "0"), 3);
+    EXPECT_EQ(
+        MetricSample(text, R"(farlink_requests_total{api="-",code="102",method="-",version="-"})"),
+        1);
+    EXPECT_EQ(text.find("Evil"), std::string::npos);
     EXPECT_EQ(requests("Test.Host", "set_exclusive", "0"), 2);
     EXPECT_EQ(requests("Test.Host", "abort", "110"), 1);
     EXPECT_EQ(MetricSample(text, "farlink_worker_crashes_total"), 1);
