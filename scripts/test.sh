@@ -14,6 +14,8 @@ if [ "${FARLINK_ASAN:-0}" = 1 ]; then
     cmake_args=(-DCMAKE_BUILD_TYPE=Debug -DFARLINK_ASAN=ON)
 fi
 
+# Build trees elsewhere (worktrees, CI clones) reuse objects compiled here.
+export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}"
 cmake -S . -B "$build_dir" "${cmake_args[@]}" >/dev/null
 cmake --build "$build_dir" -j "$(nproc)"
 
