@@ -114,7 +114,7 @@ seed_run_dir() {
     write_json_file "$run/orvorelayd/auth.conf" 0600 <<EOF
 {"serial": "FLBOX$(random_hex 5 | tr a-f A-F)", "api_key": "$(random_hex 16)"}
 EOF
-    write_json_file "$run/account.conf" 0644 <<EOF
+    write_json_file "$run/account.conf" 0600 <<EOF
 {"bound": true, "account": "admin@farlink.test", "email": "admin@farlink.test",
  "kivo_id": "kivo-$(random_hex 6)", "auth_key": "$(random_hex 16)", "realname_validated": true}
 EOF
@@ -132,7 +132,7 @@ install_orvo() {
     mkdir -p /usr/orvo/sbin /usr/orvo/bin /usr/orvo/var/lib/orvorelayd /usr/orvo/etc/orvokivo
     install -m 0755 "$bin/orvorelayd" "$bin/orvorelayd-daemon" /usr/orvo/sbin/
     install -m 0755 "$bin/orvokivo" /usr/orvo/bin/orvokivo
-    install -m 0644 "$run/account.conf" /usr/orvo/etc/orvokivo/account.conf
+    install -m 0600 "$run/account.conf" /usr/orvo/etc/orvokivo/account.conf
     bind_dir "$run/orvorelayd" /usr/orvo/etc/orvorelayd
     bind_dir "$run/orvo-var-run" /usr/orvo/var/run
     bind_file "$run/orvoinfo.conf" /etc/orvoinfo.conf
@@ -147,13 +147,33 @@ install_orvo() {
 new_ec_key=(-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes)
 
 make_tls() {
+    local server_names="DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN"
+    local host_names="IP:127.0.0.1,IP:::1,DNS:localhost"
+    # A browser told to trust ca.pem then trusts it for these names only.
     openssl req -x509 "${new_ec_key[@]}" -days 7 -subj "/CN=Farlink box CA" \
         -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign" \
+        -addext "$(name_constraints "$server_names,$host_names")" \
         -keyout "$scratch/ca.key" -out "$run/ca.pem" 2>/dev/null
-    issue_certificate server farlink.test \
-        "DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN"
-    issue_certificate host farlink-box "IP:127.0.0.1,IP:::1,DNS:localhost"
+    issue_certificate server farlink.test "$server_names"
+    issue_certificate host farlink-box "$host_names"
     cat "$run/ca.pem" >>/etc/ssl/certs/ca-certificates.crt
+}
+
+# name_constraints ALT_NAMES: an extension that permits exactly the names
+# (with their subdomains; a wildcard's parent) and addresses in ALT_NAMES.
+name_constraints() {
+    local name permitted=()
+    local -a names
+    IFS=, read -r -a names <<<"$1"
+    for name in "${names[@]}"; do
+        case $name in
+        DNS:\*.*) permitted+=("permitted;DNS:${name#DNS:\*.}") ;;
+        DNS:*) permitted+=("permitted;$name") ;;
+        IP:*:*) permitted+=("permitted;$name/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff") ;;
+        IP:*) permitted+=("permitted;$name/255.255.255.255") ;;
+        esac
+    done
+    (IFS=, && echo "nameConstraints=critical,${permitted[*]}")
 }
 
 # issue_certificate NAME COMMON_NAME SUBJECT_ALT_NAMES: a server key and

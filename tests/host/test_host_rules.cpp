@@ -61,7 +61,7 @@ TEST(HostSessions, EndAtIdleTimeLifetimeLogoutAndLeastRecentlyUsedAtTheCap) {
     EXPECT_TRUE(store.TokenOf(c.id));
 }
 
-TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsThenLockoutPerAddress) {
+TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsUpToTheLongestPerGroup) {
     FakeClock clock;
     LoginThrottle throttle({}, clock.Source());
     const ThrottlePolicy policy;
@@ -69,31 +69,59 @@ TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsThenLockoutPerAddress) {
         throttle.Failed("10.0.0.1");
         EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0)) << "failure " << i;
     }
-    // From here each failure doubles the wait, until the lockout.
+    // From here each failure doubles the wait, up to the longest.
     seconds expected(1);
-    for (int i = policy.freeFailures; i < policy.lockoutFailures; ++i, expected *= 2) {
+    for (int i = policy.freeFailures; i < policy.freeFailures + 8; ++i) {
         throttle.Failed("10.0.0.1");
         EXPECT_EQ(throttle.Wait("10.0.0.1"), expected) << "failure " << i;
+        EXPECT_EQ(throttle.Wait("::ffff:10.0.0.1"), expected) << "the same address";
         clock.now += expected;
         EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
+        expected = std::min(expected * 2, policy.maxDelay);
     }
     throttle.Failed("10.0.0.1");
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.lockout);
     EXPECT_EQ(throttle.Wait("10.0.0.2"), seconds(0)) << "another address is not affected";
     clock.now += std::chrono::milliseconds(1500);
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.lockout - seconds(1)) << "rounded up";
+    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.maxDelay - seconds(1)) << "rounded up";
 
-    // Once the lockout is over the address starts afresh.
-    clock.now += policy.lockout;
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
-    throttle.Failed("10.0.0.1");
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
+    // An IPv6 client's whole /64 is one group.
+    for (int i = 0; i < policy.freeFailures; ++i)
+        throttle.Failed("2001:db8:0:1::" + std::to_string(i));
+    EXPECT_GT(throttle.Wait("2001:db8:0:1:ffff::9"), seconds(0));
+    EXPECT_EQ(throttle.Wait("2001:db8:0:2::1"), seconds(0));
 
-    // A success clears the address.
-    for (int i = 0; i < policy.freeFailures; ++i) throttle.Failed("10.0.0.3");
-    EXPECT_GT(throttle.Wait("10.0.0.3"), seconds(0));
-    throttle.Succeeded("10.0.0.3");
-    EXPECT_EQ(throttle.Wait("10.0.0.3"), seconds(0));
+    // A success clears the group.
+    throttle.Succeeded("2001:db8:0:1::77");
+    EXPECT_EQ(throttle.Wait("2001:db8:0:1::"), seconds(0));
+}
+
+// An hour of guessing as fast as the throttle lets, from one group and from
+// a thousand, while the administrator logs in from elsewhere now and then.
+TEST(HostLoginThrottle, GuessesAreBoundedPerGroupAndInTotalAndNeverHoldAnotherClient) {
+    FakeClock clock;
+    LoginThrottle throttle({}, clock.Source());
+    const auto guessFor = [&](seconds span, int groups) {
+        std::vector<std::string> addresses;
+        for (int g = 0; g < groups; ++g)
+            addresses.push_back("10.1." + std::to_string(g / 250) + "." + std::to_string(g % 250));
+        int checked = 0;
+        for (const auto end = clock.now + span; clock.now < end; clock.now += seconds(1)) {
+            for (const std::string& address : addresses) {
+                if (throttle.Wait(address) > seconds(0)) continue;
+                throttle.Failed(address);
+                ++checked;
+            }
+            if (clock.now.time_since_epoch() % seconds(60) == seconds(0)) {
+                EXPECT_EQ(throttle.Wait("192.0.2.7"), seconds(0)) << "the administrator";
+            }
+        }
+        return checked;
+    };
+    const int oneGroup = guessFor(seconds(3600), 1);
+    EXPECT_GE(oneGroup, 90);
+    EXPECT_LE(oneGroup, 115);
+    const int manyGroups = guessFor(seconds(3600), 1000);
+    EXPECT_LE(manyGroups, 1100 + 1000) << "the budget's pace plus a first guess per group";
 }
 
 TEST(HostLoginThrottle, ForgetsTheQuietestAddressAtItsCap) {

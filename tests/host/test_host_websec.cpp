@@ -231,6 +231,11 @@ TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     EXPECT_EQ(answer.json["data"]["sid"].asString().size(), 32u) << answer.error;
     EXPECT_NE(answer.setCookie.find("; Secure"), std::string::npos) << answer.setCookie;
 
+    const std::string tls12 = "openssl s_client -connect 127.0.0.1:" + std::to_string(port) +
+                              " -tls1_2 </dev/null >/dev/null 2>&1 -cipher ";
+    EXPECT_NE(std::system((tls12 + "ECDHE-ECDSA-AES128-SHA").c_str()), 0) << "CBC accepted";
+    EXPECT_EQ(std::system((tls12 + "ECDHE-ECDSA-AES128-GCM-SHA256").c_str()), 0);
+
     login.caFile.clear();
     EXPECT_EQ(Fetch(login).status, 0) << "trusted without the CA";
     // Plain HTTP to the TLS port gets no answer but a closed connection.
