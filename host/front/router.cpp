@@ -109,7 +109,7 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
         CollectParams(exchange.query, exchange.contentType, exchange.body,
                       isAuth ? ApiService::kAuthNames : ApiService::kCallNames);
     if (!collected.params) return Refusal(HostError::kMalformedRequest);
-    if (IsCrossSite(exchange, *collected.params)) return Refusal(HostError::kCrossSite);
+    if (IsCrossSite(exchange, *collected.params, isAuth)) return Refusal(HostError::kCrossSite);
     if (isAuth) return Auth(exchange, *collected.params);
     if (isRecords) return Records(exchange, *collected.params);
     auto routed = service_.Route(*collected.params, CredentialsOf(exchange));
@@ -164,11 +164,14 @@ Router::Answer Router::Records(const HttpExchange& exchange, const RequestParams
 // A browser says where a request comes from; for a request that relies on
 // the cookie alone, anything but this host's own page is refused. The
 // anti-forgery token already stops such requests; this stops them earlier
-// and also covers browsers that keep cookies on cross-site requests.
-bool Router::IsCrossSite(const HttpExchange& exchange, const RequestParams& params) const {
+// and also covers browsers that keep cookies on cross-site requests. A
+// login another site starts is refused too, before the throttle counts it:
+// a foreign page must not spend the administrator's own browser's failures.
+bool Router::IsCrossSite(const HttpExchange& exchange, const RequestParams& params,
+                         bool isAuth) const {
     const bool cookieOnly =
         params.own.count("_sid") == 0 && !CookieValue(exchange.cookie, kSessionCookie).empty();
-    if (!cookieOnly) return false;
+    if (!cookieOnly && !isAuth) return false;
     if (!exchange.fetchSite.empty() && exchange.fetchSite != "same-origin" &&
         exchange.fetchSite != "none") {
         return true;

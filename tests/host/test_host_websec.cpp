@@ -118,6 +118,14 @@ TEST_F(HostWebSecurity, LoginIsAPostThrottledPerAddressAndLoggedWithoutThePasswo
     EXPECT_EQ(refused, 45);
     EXPECT_EQ(retryAfter, "1");
     EXPECT_EQ(ErrorCode(LoginFrom("127.0.0.2", kPassword)), 115) << "the address must wait";
+    // Guesses a foreign page posts through the administrator's browser are
+    // refused before they count.
+    for (int i = 0; i < 20; ++i) {
+        HttpRequest foreign = LoginRequest(host_->BaseUrl(), "guess");
+        foreign.sourceAddress = "127.0.0.3";
+        foreign.headers = {i % 2 ? "Origin: https://evil.test" : "Sec-Fetch-Site: cross-site"};
+        EXPECT_EQ(ErrorCode(Fetch(foreign)), 117) << foreign.headers[0];
+    }
     EXPECT_EQ(LoginFrom("127.0.0.3", kPassword).json["success"], true) << "others need not";
 
     // A flood from many addresses is answered throughout, and leaves the
