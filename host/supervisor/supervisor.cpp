@@ -43,6 +43,12 @@ constexpr std::chrono::seconds kWorkerLinger{2};
 // A worker that ends sooner than this after its start is replaced only after
 // the same pause, so that a module that crashes at once cannot make us spin.
 constexpr std::chrono::seconds kRestartPause{1};
+// A front that dies sooner than this after its start is replaced after a
+// pause that doubles with each such death, from the first to the longest;
+// one that lived longer is replaced at once.
+constexpr std::chrono::seconds kYoungFront{1};
+constexpr std::chrono::milliseconds kFirstFrontPause{250};
+constexpr std::chrono::milliseconds kLongestFrontPause{8000};
 
 class Supervisor {
 public:
@@ -63,9 +69,13 @@ public:
           signals_(SignalFd()) {}
 
     int Run() {
-        StartFirstWorkers();
+        StartWorkers();
         StartFront();
-        while (frontPid_ > 0) Step();
+        for (;;) {
+            while (frontPid_ > 0) Step();
+            if (stopping_) break;
+            RestartFront();
+        }
         return Finish();
     }
 
@@ -109,7 +119,7 @@ private:
         return ParseHello(*hello, failure);
     }
 
-    void StartFirstWorkers() {
+    void StartWorkers() {
         for (unsigned i = 0; i < options_.workers; ++i) links_.push_back(ForkWorker());
         for (const WorkerLink& link : links_) {
             std::string failure;
@@ -176,13 +186,12 @@ private:
             setup.control = std::move(frontEnd);
             RunFront(std::move(setup));
         }
-        // The front holds these now.
-        listener_.fd.Reset();
+        // The front holds these now. The listening socket and the logs stay
+        // here too, for a front that has to be replaced; the key does not.
         tls_.reset();
-        accessLog_.Reset();
-        auditLog_.Reset();
         links_.clear();
         frontEnd.Reset();
+        frontStarted_ = Clock::now();
 
         UniqueFd none;
         if (!WaitReadable(control_.Get(), Clock::now() + kGreetingTimeout)) {
@@ -194,9 +203,44 @@ private:
             KillAll();
             throw StartupError("the front did not start");
         }
+        if (announced_) return;
+        announced_ = true;
         std::printf("farlink-host: listening on %s://%s\n",
                     options_.tlsCertificate.empty() ? "http" : "https", listener_.address.c_str());
         std::fflush(stdout);
+    }
+
+    // A front that ended without being told to: its connections and sessions
+    // are gone, but the listening socket is still here and its backlog holds
+    // new clients while a fresh front with fresh workers takes over.
+    void RestartFront() {
+        const bool young = Clock::now() - frontStarted_ < kYoungFront;
+        frontPause_ = young
+                          ? std::clamp(frontPause_ * 2, std::chrono::milliseconds(kFirstFrontPause),
+                                       std::chrono::milliseconds(kLongestFrontPause))
+                          : std::chrono::milliseconds(0);
+        std::fprintf(stderr, "farlink-host: the front ended (%s); starting a new one in %lld ms\n",
+                     DescribeEnd(frontStatus_).c_str(),
+                     static_cast<long long>(frontPause_.count()));
+        frontStatus_ = 0;
+        control_.Reset();
+        KillAll();
+        restartDue_.reset();
+        const Clock::time_point due = Clock::now() + frontPause_;
+        while (!stopping_ && WaitReadable(signals_.Get(), due)) TakeSignal();
+        if (stopping_) return;
+        try {
+            if (!options_.tlsCertificate.empty()) {
+                tls_ = LoadTlsContext(options_.tlsCertificate, options_.tlsKey);
+            }
+            StartWorkers();
+            StartFront();
+        } catch (const StartupError& error) {
+            std::fprintf(stderr, "farlink-host: cannot start a new front: %s\n", error.what());
+            KillAll();
+            links_.clear();
+            frontStarted_ = Clock::now();
+        }
     }
 
     // --- the loop -------------------------------------------------------------
@@ -232,7 +276,7 @@ private:
         } else if (!stopping_) {
             stopping_ = true;
             stopDeadline_ = Clock::now() + kStopTimeout;
-            kill(frontPid_, SIGTERM);
+            if (frontPid_ > 0) kill(frontPid_, SIGTERM);
         }
     }
 
@@ -287,11 +331,7 @@ private:
     }
 
     int Finish() {
-        const bool orderly = stopping_ && WIFEXITED(frontStatus_) && WEXITSTATUS(frontStatus_) == 0;
-        if (!stopping_) {
-            std::fprintf(stderr, "farlink-host: the front ended (%s); stopping\n",
-                         DescribeEnd(frontStatus_).c_str());
-        }
+        const bool orderly = WIFEXITED(frontStatus_) && WEXITSTATUS(frontStatus_) == 0;
         control_.Reset();
         const Clock::time_point deadline = Clock::now() + kWorkerLinger;
         while (!workers_.empty() && WaitReadable(signals_.Get(), deadline)) TakeSignal();
@@ -315,6 +355,9 @@ private:
     std::uint32_t nextWorkerId_ = 1;
     pid_t frontPid_ = 0;
     int frontStatus_ = 0;
+    Clock::time_point frontStarted_;
+    std::chrono::milliseconds frontPause_{0};
+    bool announced_ = false;
     bool stopping_ = false;
     Clock::time_point stopDeadline_;
     std::optional<Clock::time_point> restartDue_;

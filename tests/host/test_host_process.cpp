@@ -6,10 +6,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <future>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -148,6 +150,38 @@ TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
     EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
     for (pid_t child : children) EXPECT_NE(kill(child, 0), 0) << "worker " << child << " left";
     unlink(log.c_str());
+}
+
+// A front that dies is replaced on the same socket: clients get answers
+// again within a second (they log in again), and nothing is left over.
+TEST(HostIsolation, AKilledFrontIsReplacedUnderLoadAndLeavesNoProcessBehind) {
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "2"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    std::atomic<bool> done{false};
+    auto load = std::async(std::launch::async, [&] {
+        while (!done) LoggedInCall(host, "succeed_empty");
+    });
+    std::set<pid_t> seen;
+    for (int kill = 0; kill < 10; ++kill) {
+        const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
+        ASSERT_EQ(fronts.size(), 1u) << kill;
+        for (pid_t worker : ChildrenNamed(host.Pid(), "farlink-worker")) seen.insert(worker);
+        seen.insert(fronts[0]);
+        ::kill(fronts[0], SIGKILL);
+        const auto killed = std::chrono::steady_clock::now();
+        ASSERT_TRUE(WaitUntil([&] {
+            return LoggedInCall(host, "succeed_empty").json["success"] == true;
+        })) << kill;
+        EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(1)) << kill;
+        std::this_thread::sleep_for(std::chrono::seconds(1));  // past a young front's pause
+    }
+    done = true;
+    load.get();
+    for (int call = 0; call < 50; ++call) {
+        ASSERT_EQ(LoggedInCall(host, "succeed_empty").json["success"], true) << call;
+    }
+    EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
+    for (pid_t child : seen) EXPECT_NE(kill(child, 0), 0) << "process " << child << " left";
 }
 
 // Methods named like writes never overlap, whichever worker runs them; a
