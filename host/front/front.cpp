@@ -173,7 +173,8 @@ private:
 
     // Every answer the front makes leaves through here.
     void Send(evhttp_request* request, const HttpReply& reply) {
-        evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
+        evhttp_connection_set_closecb(evhttp_request_get_connection(request), &Front::OnReplyLost,
+                                      this);
         guard_->Answered(request);
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
         evhttp_add_header(headers, "Content-Type", reply.contentType.c_str());
@@ -203,12 +204,18 @@ private:
         Send(request, reply);
     }
 
-    // Not called for a connection that breaks while its reply is written:
-    // the count then stays high and the grace timer ends the wait.
-    static void OnReplyWritten(evhttp_request*, void* self) {
-        auto& front = *static_cast<Front*>(self);
-        --front.repliesInFlight_;
-        front.StopIfDrained();
+    // A reply ends either written or with its connection (a client that
+    // resets while its answers are written); the engine tells only one.
+    static void OnReplyWritten(evhttp_request* request, void* self) {
+        evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
+        static_cast<Front*>(self)->ReplyEnded();
+    }
+    static void OnReplyLost(evhttp_connection*, void* self) {
+        static_cast<Front*>(self)->ReplyEnded();
+    }
+    void ReplyEnded() {
+        --repliesInFlight_;
+        StopIfDrained();
     }
 
     void Answer(PendingCall& pending, const Router::Answer& answer,

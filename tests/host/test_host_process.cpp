@@ -1,5 +1,6 @@
 // farlink-host as a process: what it refuses to start with, the ids it
 // serves with, and how it stops.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -248,6 +249,28 @@ TEST(HostShutdown, SigtermFinishesTheSlowRequestInFlightThenExitsZero) {
     EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
     EXPECT_EQ(Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi").status, 0) << "still accepting";
     unlink(started.c_str());
+}
+
+// A client that pipelines many requests, reads a little and resets leaves
+// nothing the stop would wait for.
+TEST(HostShutdown, AClientThatResetsMidAnswersDoesNotHoldTheStop) {
+    HostProcess host(Serving(TEST_MODULE_PATH));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const int client = ConnectFrom("127.0.0.1", PortOf(host.BaseUrl()));
+    ASSERT_GE(client, 0);
+    fcntl(client, F_SETFL, 0);
+    std::string requests;
+    for (int i = 0; i < 2000; ++i) requests += "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    ASSERT_EQ(send(client, requests.data(), requests.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(requests.size()));
+    char some[1000];
+    ASSERT_GT(recv(client, some, sizeof some, MSG_WAITALL), 0);
+    const linger reset{1, 0};
+    setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    close(client);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
+    EXPECT_EQ(host.StderrText().find("still running"), std::string::npos);
 }
 
 }  // namespace
