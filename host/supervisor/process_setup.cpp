@@ -55,6 +55,17 @@ bool WaitReadable(int fd, Clock::time_point deadline) {
     }
 }
 
+void CloseInheritedDescriptors(std::optional<int> kept) {
+    constexpr unsigned kFirst = 3;
+    if (kept && *kept >= static_cast<int>(kFirst)) {
+        const auto keptFd = static_cast<unsigned>(*kept);
+        if (keptFd > kFirst) close_range(kFirst, keptFd - 1, 0);
+        close_range(keptFd + 1, ~0u, 0);
+    } else {
+        close_range(kFirst, ~0u, 0);
+    }
+}
+
 // Raises the soft descriptor limit to the hard one and fits the connection
 // cap under it, leaving the front room for its own descriptors (the
 // listener, the log, the workers' channels, the event loop's). The module's

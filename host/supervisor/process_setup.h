@@ -5,6 +5,7 @@
 #include <farlink/unique_fd.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "options.h"
@@ -30,6 +31,11 @@ UniqueFd SignalFd();
 
 // False once `deadline` passes with nothing to read on `fd`.
 bool WaitReadable(int fd, std::chrono::steady_clock::time_point deadline);
+
+// Closes every descriptor above stderr that the host was started with,
+// except `kept` (the listening socket given by option): a launcher's pipe
+// left open must not reach the front or a worker.
+void CloseInheritedDescriptors(std::optional<int> kept);
 
 // Raises the soft descriptor limit to the hard one and fits the connection
 // cap under it.

@@ -367,6 +367,7 @@ private:
 
 int Supervise(const Options& given) {
     RequireRoot();
+    CloseInheritedDescriptors(given.listenFd);
     const Options options = WithConnectionCap(given);
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_NAME, "farlink-host");

@@ -5,10 +5,12 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <regex>
@@ -83,9 +85,24 @@ TEST(HostStartup, RefusesToStartWithoutRoot) {
 // service user's effective ids and takes back a handler's left-over root.
 TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsRestored) {
     const std::string log = TempPath("access");
+    int launcherPipe[2];
+    ASSERT_EQ(pipe(launcherPipe), 0);  // inherited, as a launcher might leave it
+    struct stat pipeInfo {};
+    fstat(launcherPipe[1], &pipeInfo);
+    const std::string pipeName = "pipe:[" + std::to_string(pipeInfo.st_ino) + "]";
     HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2"}));
+    close(launcherPipe[0]);
+    close(launcherPipe[1]);
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     EXPECT_EQ(ProcStatus(host.Pid(), "Uid:"), "0 0 0 0");
+    for (pid_t process : ChildrenNamed(host.Pid(), "farlink-front")) {
+        for (const auto& fd :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+            std::error_code ignored;
+            EXPECT_NE(std::filesystem::read_symlink(fd.path(), ignored).string(), pipeName)
+                << "the front kept an inherited descriptor";
+        }
+    }
     const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
     ASSERT_EQ(fronts.size(), 1u);
     EXPECT_EQ(ProcStatus(fronts[0], "Uid:"), "65534 65534 65534 65534");
