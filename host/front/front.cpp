@@ -28,6 +28,7 @@
 #include "processes.h"
 #include "reply_headers.h"
 #include "router.h"
+#include "sandbox.h"
 #include "sessions.h"
 #include "static_files.h"
 #include "worker_pool.h"
@@ -324,8 +325,10 @@ void RunFront(FrontSetup setup) {
     signal(SIGPIPE, SIG_IGN);
     int code = EXIT_FAILURE;
     try {
+        RenouncePrivileges();
         DropAllIds(setup.ids);
         Front front(setup);
+        ConfineSystemCalls();
         if (!front.SignalReady()) throw std::runtime_error("lost the supervisor");
         code = front.Run();
     } catch (const std::exception& error) {

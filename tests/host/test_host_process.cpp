@@ -109,12 +109,15 @@ TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsR
     EXPECT_EQ(ProcStatus(fronts[0], "Gid:"), "65534 65534 65534 65534");
     EXPECT_EQ(ProcStatus(fronts[0], "Groups:"), "65534");
     EXPECT_EQ(ProcStatus(fronts[0], "CapPrm:"), "0000000000000000");
+    EXPECT_EQ(ProcStatus(fronts[0], "CapBnd:"), "0000000000000000");
+    EXPECT_EQ(ProcStatus(fronts[0], "NoNewPrivs:"), "1");
     const std::vector<pid_t> workers = ChildrenNamed(host.Pid(), "farlink-worker");
     ASSERT_EQ(workers.size(), 2u);
     for (pid_t worker : workers) {
         EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 65534 0 65534");
         EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 65534 0 65534");
         EXPECT_EQ(ProcStatus(worker, "Groups:"), "65534");
+        EXPECT_EQ(ProcStatus(worker, "NoNewPrivs:"), "1");
     }
 
     HttpResult leak = LoggedInCall(host, "leak_root");

@@ -1,10 +1,14 @@
 // The host's security rules on their own, with a clock the test moves:
 // when sessions end, how failed logins are throttled, and which headers
 // every answer carries.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "login_throttle.h"
 #include "reply_headers.h"
+#include "sandbox.h"
 #include "sessions.h"
 
 namespace farlink::host {
@@ -156,6 +160,33 @@ TEST(HostReplyHeaders, ThePolicyFollowsTheContentType) {
         EXPECT_NE(policyOf(type).find("script-src 'self'"), std::string::npos) << type;
         EXPECT_NE(policyOf(type).find("frame-ancestors 'none'"), std::string::npos) << type;
     }
+}
+
+// What the front does once confined, in a child: how the child ends.
+int ConfinedEnd(void (*act)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!ConfineSystemCalls()) _exit(77);
+        act();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status) == 77 ? -1 : 0;
+}
+
+TEST(HostFrontSandbox, ReadingAndServingGoOnAnythingElseEndsTheProcess) {
+    const int served = ConfinedEnd([] {
+        char byte;
+        const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || read(fd, &byte, 1) != 1 || write(STDOUT_FILENO, "", 0) != 0) _exit(1);
+    });
+    if (served == -1) GTEST_SKIP() << "no system call filter in a sanitizer build";
+    EXPECT_EQ(served, 0);
+    EXPECT_EQ(ConfinedEnd([] { execl("/bin/true", "true", nullptr); }), SIGSYS);
+    EXPECT_EQ(ConfinedEnd([] { open("/tmp/farlink-sandbox-test", O_WRONLY | O_CREAT, 0600); }),
+              SIGSYS);
+    EXPECT_EQ(ConfinedEnd([] { kill(getppid(), 0); }), SIGSYS);
 }
 
 }  // namespace

@@ -1,0 +1,21 @@
+// What the front may still do once it serves: the process that reads the
+// network holds no capability it could regain, cannot gain rights through a
+// program it runs, and the kernel lets it make only the system calls that
+// serving needs (a filter made with libseccomp). Anything else, such as
+// running a program, tracing a process or opening a file for writing, ends
+// the front; the supervisor starts a new one.
+#pragma once
+
+namespace farlink::host {
+
+// While still root, before the ids are dropped: empties the capability
+// bounding set and sets no_new_privs. Throws StartupError on failure.
+void RenouncePrivileges();
+
+// Once everything the front opens at start is open, before its first read
+// from the network. Throws StartupError on failure. In a build with the
+// address or thread sanitizer, whose run-time needs more (its leak check
+// traces the process), no filter is installed and it returns false.
+bool ConfineSystemCalls();
+
+}  // namespace farlink::host
