@@ -18,6 +18,9 @@ unset FARLINK_BOX_LISTEN_PORT FARLINK_BOX_PASSWORD FARLINK_BOX_KEEP
 host_port=8080
 control_v4=127.0.10.1
 control_v6=fd00:10::1
+# The forwarder's connections to the host come from here, and only they may
+# name their client in a PROXY header.
+forwarder_source=127.0.0.2
 silent_nameserver=127.0.10.53
 service_user=nobody
 
@@ -277,12 +280,13 @@ start_services() {
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
         --tls-cert "$scratch/host.pem" --tls-key "$scratch/host.key" \
         --access-log "$run/access.log" --audit-log "$run/audit.log" --pid-file "$run/host.pid" \
-        "${web[@]}"
+        --proxy-from "$forwarder_source" "${web[@]}"
     wait_ready host log_says host "listening on"
 
-    # Connections to the machine's 127.0.0.1:PORT come in here.
+    # Connections to the machine's 127.0.0.1:PORT come in here; each tells
+    # the host its outside client.
     setsid "$bin/farlink-box-forward" --listen-fd 3 --to "127.0.0.1:$host_port" \
-        </dev/null >>"$run/forward.log" 2>&1 &
+        --proxy-from "$forwarder_source" </dev/null >>"$run/forward.log" 2>&1 &
     service_names+=(forward)
     service_pids+=($!)
     exec 3<&-

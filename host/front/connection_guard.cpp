@@ -1,11 +1,13 @@
 #include "connection_guard.h"
 
 #include <arpa/inet.h>
+#include <farlink/proxy_header.h>
 #include <farlink/tls_server.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -28,17 +30,38 @@ constexpr std::chrono::milliseconds kAcceptPause{250};
 // A failing accept is reported at most this often.
 constexpr std::chrono::seconds kReportInterval{10};
 
+// A PROXY header's fixed part and signature, and the longest header read
+// (addresses and a little room for extensions).
+constexpr std::size_t kProxyFixedPart = 16;
+constexpr std::size_t kProxySignature = 12;
+constexpr std::size_t kLongestProxyHeader = 512;
+
+std::string AddressText(const sockaddr_storage& address) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    if (address.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text,
+                  sizeof text);
+    } else if (address.ss_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, text,
+                  sizeof text);
+    }
+    return text;
+}
+
+// As the access log shows a client: "ADDR:PORT", "[ADDR]:PORT" for IPv6.
+std::string ClientText(const sockaddr_storage& address) {
+    const bool v6 = address.ss_family == AF_INET6;
+    const in_port_t port = v6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                              : reinterpret_cast<const sockaddr_in&>(address).sin_port;
+    const std::string text = AddressText(address);
+    return (v6 ? "[" + text + "]" : text) + ":" + std::to_string(ntohs(port));
+}
+
 std::string PeerAddress(int fd) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
     if (fd < 0 || getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return "?";
-    char text[INET6_ADDRSTRLEN] = "?";
-    if (peer.ss_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in&>(peer).sin_addr, text, sizeof text);
-    } else if (peer.ss_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6&>(peer).sin6_addr, text, sizeof text);
-    }
-    return text;
+    return AddressText(peer);
 }
 
 }  // namespace
@@ -74,16 +97,102 @@ ConnectionGuard::~ConnectionGuard() {
 // The engine's hook for each accepted connection, before it has its socket.
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
-    bufferevent* bev = guard.tls_ != nullptr
-                           ? farlink::NewServerTlsBufferEvent(base, guard.tls_)
-                           : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    Connection connection;
+    bufferevent* bev = guard.NewBufferEvent(base, connection);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
-    Connection& connection = guard.connections_[bev];
     connection.deadline = Clock::now() + guard.limits_.headerTimeout;
+    if (connection.proxy) connection.proxy->top = bev;
+    guard.connections_.emplace(bev, std::move(connection));
     guard.UpdateAccepting();
     guard.ScheduleSweep(kBusySweepInterval);
     return bev;
+}
+
+// With proxies to trust, every connection's first bytes are looked at
+// before the HTTP engine or TLS sees them: they arrive in the socket's own
+// buffer event, whose reader waits (read watermark) until a whole header
+// could be there.
+bufferevent* ConnectionGuard::NewBufferEvent(event_base* base, Connection& connection) {
+    if (limits_.proxyPeers.empty()) {
+        return tls_ != nullptr ? farlink::NewServerTlsBufferEvent(base, tls_)
+                               : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    }
+    bufferevent* raw = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
+    if (raw == nullptr) return nullptr;
+    bufferevent* top = tls_ != nullptr ? farlink::NewServerTlsFilter(base, raw, tls_) : raw;
+    if (top == nullptr) {
+        bufferevent_free(raw);
+        return nullptr;
+    }
+    connection.proxy.reset(new ProxyWait{this, top, raw});
+    connection.proxy->entry = evbuffer_add_cb(bufferevent_get_input(raw),
+                                              &ConnectionGuard::OnRawInput, connection.proxy.get());
+    bufferevent_setwatermark(raw, EV_READ, kProxyFixedPart, 0);
+    return top;
+}
+
+void ConnectionGuard::OnRawInput(evbuffer* input, const evbuffer_cb_info* info, void* wait) {
+    if (info->n_added == 0) return;
+    auto& proxyWait = *static_cast<ProxyWait*>(wait);
+    proxyWait.guard->ReadProxyHeader(proxyWait, input);
+}
+
+void ConnectionGuard::ReadProxyHeader(ProxyWait& wait, evbuffer* input) {
+    auto found = connections_.find(wait.top);
+    if (found == connections_.end()) return;
+    Connection& connection = found->second;
+    const std::size_t size = std::min(evbuffer_get_length(input), kLongestProxyHeader);
+    const farlink::ProxyHeader header =
+        farlink::ParseProxyHeader(evbuffer_pullup(input, static_cast<ev_ssize_t>(size)), size);
+    using Status = farlink::ProxyHeader::Status;
+    connection.address = PeerAddress(bufferevent_getfd(wait.raw));
+    if (limits_.proxyPeers.count(connection.address) == 0) {
+        if (header.status == Status::kMalformed) {  // not a header: the client itself
+            EndProxyWait(wait, input);
+            connection.proxy.reset();
+            return;
+        }
+        if (header.status == Status::kIncomplete && size < kProxySignature) return;
+        if (!untrustedHeaderLogged_) {
+            std::fprintf(stderr,
+                         "farlink-host: refused a PROXY header from %s, which --proxy-from does "
+                         "not name; further ones are refused without a word\n",
+                         connection.address.c_str());
+            untrustedHeaderLogged_ = true;
+        }
+        Cut(wait.top, connection);
+        return;
+    }
+    if (header.status == Status::kIncomplete) {
+        if (size == kLongestProxyHeader) Cut(wait.top, connection);
+        return;
+    }
+    if (header.status == Status::kMalformed) {
+        Cut(wait.top, connection);
+        return;
+    }
+    EndProxyWait(wait, input);
+    evbuffer_drain(input, header.length);
+    if (header.hasClient) {
+        connection.address = AddressText(header.client);
+        connection.proxiedClient = ClientText(header.client);
+    }
+    connection.proxy.reset();
+}
+
+void ConnectionGuard::EndProxyWait(ProxyWait& wait, evbuffer* input) {
+    evbuffer_remove_cb_entry(input, wait.entry);
+    bufferevent_setwatermark(wait.raw, EV_READ, 0, 0);
+}
+
+std::optional<std::pair<std::string, std::string>> ConnectionGuard::ProxiedClient(
+    evhttp_request* request) const {
+    evhttp_connection* connection = evhttp_request_get_connection(request);
+    if (connection == nullptr) return std::nullopt;
+    auto found = connections_.find(evhttp_connection_get_bufferevent(connection));
+    if (found == connections_.end() || found->second.proxiedClient.empty()) return std::nullopt;
+    return std::make_pair(found->second.address, found->second.proxiedClient);
 }
 
 ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
@@ -188,7 +297,9 @@ bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
     bufferevent_event_cb eventCallback = nullptr;
     bufferevent_getcb(bev, nullptr, nullptr, &eventCallback, nullptr);
     if (eventCallback != nullptr) return false;
-    if (!connection.address.empty()) {
+    if (connection.proxy)
+        EndProxyWait(*connection.proxy, bufferevent_get_input(connection.proxy->raw));
+    if (connection.counted) {
         auto count = perAddress_.find(connection.address);
         if (count != perAddress_.end() && --count->second == 0) perAddress_.erase(count);
     }
@@ -198,8 +309,9 @@ bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
 
 bool ConnectionGuard::Check(bufferevent* bev, Connection& connection, Clock::time_point now) {
     if (connection.cut) return false;
-    if (connection.address.empty()) {
-        connection.address = PeerAddress(bufferevent_getfd(bev));
+    if (!connection.counted && !connection.proxy) {
+        if (connection.address.empty()) connection.address = PeerAddress(bufferevent_getfd(bev));
+        connection.counted = true;
         const std::size_t count = ++perAddress_[connection.address];
         if (count > limits_.perAddress &&
             limits_.unlimitedAddresses.count(connection.address) == 0) {

@@ -10,12 +10,18 @@
 //   however slowly its bytes trickle in (over TLS the handshake counts
 //   towards it, so a client that stalls in the handshake is cut too);
 // - a failing accept (out of descriptors) pauses accepting briefly instead
-//   of spinning, and is logged at most once per interval with a count.
+//   of spinning, and is logged at most once per interval with a count;
+// - a connection from one of `proxyPeers` (a forwarder or reverse proxy in
+//   front of the host) must begin with a PROXY header (version 2), and the
+//   client it names is the connection's client from then on; a malformed
+//   header closes the connection, and so does a header from anyone else
+//   (logged once).
 // The HTTP engine owns its connections; the guard holds a reference to each
 // one's buffer event, learns their ends from it, and ends a connection by
 // shutting its socket down, which the engine sees as the client leaving.
 #pragma once
 
+#include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/http.h>
@@ -27,6 +33,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -37,6 +44,7 @@ struct ConnectionLimits {
     std::size_t maxConnections = 1024;
     std::size_t perAddress = 64;
     std::set<std::string> unlimitedAddresses;
+    std::set<std::string> proxyPeers;
     std::chrono::seconds headerTimeout{10};
     std::chrono::seconds keepAliveTimeout{15};
 };
@@ -61,20 +69,38 @@ public:
 
     std::size_t Open() const { return connections_.size(); }
 
+    // The client a proxy named for the request's connection, as its
+    // address and "ADDR:PORT"; empty when no proxy named one.
+    std::optional<std::pair<std::string, std::string>> ProxiedClient(evhttp_request* request) const;
+
 private:
     using Clock = std::chrono::steady_clock;
+    // A connection's raw bytes until its PROXY header is read.
+    struct ProxyWait {
+        ConnectionGuard* guard;
+        bufferevent* top;  // what the engine uses
+        bufferevent* raw;  // the socket's own
+        evbuffer_cb_entry* entry = nullptr;
+    };
     struct Connection {
         Clock::time_point deadline;  // for a whole request, while not busy
         bool busy = false;           // a request is being answered
         bool cut = false;
-        bool noDelay = false;  // TCP_NODELAY is set
-        std::string address;   // empty until learnt
+        bool noDelay = false;              // TCP_NODELAY is set
+        bool counted = false;              // in perAddress_
+        std::string address;               // empty until learnt
+        std::string proxiedClient;         // "ADDR:PORT" a proxy named
+        std::unique_ptr<ProxyWait> proxy;  // until its header is read
     };
     struct EventDeleter {
         void operator()(event* ev) const { event_free(ev); }
     };
 
     static bufferevent* OnNewConnection(event_base* base, void* self);
+    bufferevent* NewBufferEvent(event_base* base, Connection& connection);
+    static void OnRawInput(evbuffer* input, const evbuffer_cb_info* info, void* wait);
+    void ReadProxyHeader(ProxyWait& wait, evbuffer* input);
+    static void EndProxyWait(ProxyWait& wait, evbuffer* input);
     static void OnAcceptError(evconnlistener* listener, void* self);
     static void OnSweep(evutil_socket_t, short, void* self);
     static void OnResume(evutil_socket_t, short, void* self);
@@ -99,6 +125,7 @@ private:
     std::unordered_map<bufferevent*, Connection> connections_;
     std::map<std::string, std::size_t> perAddress_;
     bool stopped_ = false;
+    bool untrustedHeaderLogged_ = false;
     bool paused_ = false;  // accept failed; waiting a moment
     bool full_ = false;    // at the cap
     unsigned long acceptFailures_ = 0;

@@ -17,6 +17,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <tuple>
 
 #include "channel.h"
 #include "connection_guard.h"
@@ -120,6 +121,9 @@ private:
         const Clock::time_point started = Clock::now();
         guard_->RequestArrived(request);
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
+        if (auto proxied = guard_->ProxiedClient(request)) {
+            std::tie(exchange.address, exchange.client) = std::move(*proxied);
+        }
         // A foreign Host goes on to the router, which refuses it.
         if (names_.Allows(exchange.host) && StaticFiles::Claims(exchange.method, exchange.path)) {
             if (std::optional<StaticFile> file = pages_.Find(exchange.path)) {

@@ -133,6 +133,7 @@ Options ParseOptions(const std::vector<std::string>& args) {
          }},
         {"--unlimited-addresses",
          [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
+        {"--proxy-from", [&](auto&, auto& v) { options.proxyPeers = SplitList(v); }},
         {"--header-timeout",
          [&](auto& o, auto& v) {
              options.headerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));

@@ -25,6 +25,7 @@ struct Options {
     std::size_t maxConnections = 0;
     std::size_t maxConnectionsPerAddress = 64;
     std::vector<std::string> unlimitedAddresses;
+    std::vector<std::string> proxyPeers;        // may send a PROXY header naming the client
     std::chrono::seconds headerTimeout{10};     // for a whole request on a new connection
     std::chrono::seconds keepAliveTimeout{15};  // for the next one after an answer
     std::string accessLogPath;                  // empty: stderr
