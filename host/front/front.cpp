@@ -329,6 +329,10 @@ void RunFront(FrontSetup setup) {
     signal(SIGPIPE, SIG_IGN);
     int code = EXIT_FAILURE;
     try {
+        // Read while root (the key may be root's alone), and only here.
+        if (!setup.options->tlsCertificate.empty()) {
+            setup.tls = LoadTlsContext(setup.options->tlsCertificate, setup.options->tlsKey);
+        }
         RenouncePrivileges();
         DropAllIds(setup.ids);
         Front front(setup);

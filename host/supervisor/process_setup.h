@@ -37,6 +37,12 @@ bool WaitReadable(int fd, std::chrono::steady_clock::time_point deadline);
 // left open must not reach the front or a worker.
 void CloseInheritedDescriptors(std::optional<int> kept);
 
+// Whether the TLS certificate and key (when given) can be used together;
+// throws StartupError with OpenSSL's reason. They are loaded in a child that
+// ends at once, so that the key is never in this process's memory (nor in
+// the workers it forks): only the front loads it for good.
+void CheckTlsFiles(const Options& options);
+
 // Raises the soft descriptor limit to the hard one and fits the connection
 // cap under it.
 Options WithConnectionCap(Options options);

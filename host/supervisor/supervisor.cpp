@@ -26,7 +26,6 @@
 #include "process_setup.h"
 #include "processes.h"
 #include "startup_error.h"
-#include "tls.h"
 
 namespace farlink::host {
 
@@ -62,9 +61,6 @@ public:
           ids_(LookupServiceUser(options.user)),
           listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
                                      : BindListenSocket(*options.listenAddress)),
-          tls_(options.tlsCertificate.empty()
-                   ? TlsContext()
-                   : LoadTlsContext(options.tlsCertificate, options.tlsKey)),
           pidFile_(options.pidFile),
           signals_(SignalFd()) {}
 
@@ -98,10 +94,9 @@ private:
         if (pid < 0) throw StartupError("fork: " + ErrnoText());
         if (pid == 0) {
             // Only the channel goes along: not the listening socket, the
-            // access log, the TLS key or another worker's channel.
+            // access log or another worker's channel.
             if (dup3(theirs.Get(), 3, O_CLOEXEC) < 0) _exit(EXIT_FAILURE);
             close_range(4, ~0u, 0);
-            tls_.reset();
             RunWorker(options_.modulePath, ids_, 3);
         }
         const std::uint32_t id = nextWorkerId_++;
@@ -177,7 +172,6 @@ private:
             setup.options = &options_;
             setup.ids = ids_;
             setup.listener = std::move(listener_.fd);
-            setup.tls = std::move(tls_);
             setup.accessLog = std::move(accessLog_);
             setup.auditLog = std::move(auditLog_);
             setup.listenAddress = listener_.address;
@@ -187,8 +181,7 @@ private:
             RunFront(std::move(setup));
         }
         // The front holds these now. The listening socket and the logs stay
-        // here too, for a front that has to be replaced; the key does not.
-        tls_.reset();
+        // here too, for a front that has to be replaced.
         links_.clear();
         frontEnd.Reset();
         frontStarted_ = Clock::now();
@@ -230,9 +223,6 @@ private:
         while (!stopping_ && WaitReadable(signals_.Get(), due)) TakeSignal();
         if (stopping_) return;
         try {
-            if (!options_.tlsCertificate.empty()) {
-                tls_ = LoadTlsContext(options_.tlsCertificate, options_.tlsKey);
-            }
             StartWorkers();
             StartFront();
         } catch (const StartupError& error) {
@@ -345,7 +335,6 @@ private:
     UniqueFd auditLog_;
     ServiceIds ids_;
     ListenSocket listener_;
-    TlsContext tls_;  // read while root; the front takes it, nobody else keeps it
     PidFile pidFile_;
     UniqueFd signals_;
     UniqueFd control_;
@@ -369,6 +358,7 @@ int Supervise(const Options& given) {
     RequireRoot();
     CloseInheritedDescriptors(given.listenFd);
     const Options options = WithConnectionCap(given);
+    CheckTlsFiles(options);
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_NAME, "farlink-host");
     Supervisor supervisor(options);

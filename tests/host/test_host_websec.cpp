@@ -2,13 +2,18 @@
 // farlink-host: anti-forgery tokens, POST-only and throttled logins, sessions
 // that end, the headers on every answer, and TLS.
 #include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "host_harness.h"
+#include "test_processes.h"
 
 namespace farlink::host::test {
 namespace {
@@ -219,6 +224,20 @@ private:
     bool made_ = false;
 };
 
+// The private scalar of an EC key file, as its 32 bytes; "" if unreadable.
+std::string PrivateScalar(const std::string& keyFile) {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(keyFile.c_str(), "r"), std::fclose);
+    if (!file) return "";
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
+        PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    BIGNUM* number = nullptr;
+    if (!key || EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &number) != 1) return "";
+    std::string bytes(32, '\0');
+    BN_bn2binpad(number, reinterpret_cast<unsigned char*>(bytes.data()), 32);
+    BN_clear_free(number);
+    return bytes;
+}
+
 TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     const TestCa ca;
     ASSERT_TRUE(ca.Made());
@@ -255,6 +274,16 @@ TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     close(stalled);
     login.caFile = ca.Path("ca.pem");
     EXPECT_EQ(Fetch(login).json["success"], true) << "still serving";
+
+    // The key's private scalar is in the front's memory and nowhere else.
+    const std::string scalar = PrivateScalar(ca.Path("host.key"));
+    ASSERT_FALSE(scalar.empty());
+    EXPECT_GT(CountInMemory(farlink_test::ChildrenNamed(host.Pid(), "farlink-front").at(0), scalar),
+              0);
+    EXPECT_EQ(CountInMemory(host.Pid(), scalar), 0) << "in the supervisor";
+    for (pid_t worker : farlink_test::ChildrenNamed(host.Pid(), "farlink-worker")) {
+        EXPECT_EQ(CountInMemory(worker, scalar), 0) << "in worker " << worker;
+    }
 }
 
 }  // namespace
