@@ -30,6 +30,7 @@
 #include "reply_headers.h"
 #include "router.h"
 #include "sandbox.h"
+#include "secrets.h"
 #include "sessions.h"
 #include "static_files.h"
 #include "worker_pool.h"
@@ -54,7 +55,7 @@ public:
           metrics_(setup.rows),
           audit_(std::move(setup.auditLog)),
           names_(AddressOf(setup.listenAddress), options_.allowedHosts),
-          service_(table_, sessions_, throttle_, options_.password),
+          service_(table_, sessions_, throttle_, options_.adminPassword),
           router_(service_, log_, setup.tls != nullptr, {metrics_, audit_, names_, *this}),
           pages_(options_.webRoot.empty() ? StaticFiles() : StaticFiles(options_.webRoot)),
           control_(std::move(setup.control)),
@@ -134,6 +135,7 @@ private:
         auto decided = router_.Decide(exchange);
         if (auto* answer = std::get_if<Router::Answer>(&decided)) {
             Send(request, router_.Finish(exchange, *answer, "ids-ok", started));
+            Wipe(exchange.body);  // a login's password
             return;
         }
         auto& call = std::get<HandlerCall>(decided);
@@ -144,14 +146,20 @@ private:
                                 "ids-ok", started));
             return;
         }
-        exchange.body.clear();
+        Wipe(exchange.body);
         pending_.push_back(std::make_unique<PendingCall>());
         PendingCall& pending = *pending_.back();
         pending.owner = this;
         pending.request = request;
         pending.exchange = std::move(exchange);
         pending.call = call.Label();
-        pending.frame = EncodeFrame(CallMessage(call));
+        pending.secret = HoldsSecret(call.params);
+        Json::Value message = CallMessage(call);
+        pending.frame = EncodeFrame(message);
+        if (pending.secret) {
+            WipeStrings(message);
+            WipeStrings(call.params);
+        }
         pending.exclusive = IsExclusiveMethod(options_, call.method);
         if (pending.exclusive) {
             pending.audit = AuditedCall{pending.exchange.address,

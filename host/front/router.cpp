@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <exception>
 
+#include "secrets.h"
+
 namespace farlink::host {
 
 namespace {
@@ -109,6 +111,14 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
         CollectParams(exchange.query, exchange.contentType, exchange.body,
                       isAuth ? ApiService::kAuthNames : ApiService::kCallNames);
     if (!collected.params) return Refusal(HostError::kMalformedRequest);
+    // A login's password, or a call's secret, leaves no copy in what is freed.
+    struct WipeWhenDone {
+        RequestParams& params;
+        ~WipeWhenDone() {
+            for (auto& [name, value] : params.own) Wipe(value);
+            if (HoldsSecret(params.params)) WipeStrings(params.params);
+        }
+    } wipe{*collected.params};
     if (IsCrossSite(exchange, *collected.params, isAuth)) return Refusal(HostError::kCrossSite);
     if (isAuth) return Auth(exchange, *collected.params);
     if (isRecords) return Records(exchange, *collected.params);

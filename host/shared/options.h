@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "secrets.h"
+
 namespace farlink::host {
 
 struct Options {
@@ -14,8 +16,8 @@ struct Options {
     std::optional<std::string> listenAddress;  // "ADDR:PORT"
     std::optional<int> listenFd;               // inherited, already listening
     std::string user = "nobody";
-    std::string password;
-    unsigned workers = 4;  // processes that each load the module
+    PasswordHash adminPassword;  // the clear text is wiped once hashed
+    unsigned workers = 4;        // processes that each load the module
     std::chrono::seconds handlerTimeout{60};
     std::size_t queueLimit = 256;  // requests waiting for a worker
     // Methods with a name that begins with one of these run one at a time
@@ -44,7 +46,8 @@ struct Options {
 };
 
 // Throws StartupError naming the first problem. Reads --password-file.
-Options ParseOptions(const std::vector<std::string>& args);
+// Wipes every argument once read (the password is among them).
+Options ParseOptions(std::vector<std::string>& args);
 
 // Whether `method` must run alone among the methods of its kind.
 bool IsExclusiveMethod(const Options& options, const std::string& method);

@@ -293,7 +293,10 @@ private:
             }
             for (auto it = workers_.begin(); it != workers_.end(); ++it) {
                 if (it->second.pid != pid) continue;
-                const bool quick = Clock::now() - it->second.started < kRestartPause;
+                // One that ends by itself, with exit 0, is done; one that
+                // fails soon after its start waits.
+                const bool quick = Clock::now() - it->second.started < kRestartPause &&
+                                   !(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
                 ControlMessage exited;
                 exited.kind = ControlKind::kWorkerExited;
                 exited.worker = it->first;

@@ -10,6 +10,7 @@
 #include "channel.h"
 #include "module_loader.h"
 #include "processes.h"
+#include "secrets.h"
 
 namespace farlink::host {
 
@@ -110,6 +111,7 @@ void RunWorker(const std::string& modulePath, const ServiceIds& ids, int channel
     while (std::optional<Json::Value> message = requests.Next()) {
         const std::string frame = AnswerFrame(Answer(*module, ids, *message));
         if (!WriteAll(channel, frame.data(), frame.size())) break;
+        if (HoldsSecret(*message)) Exit(EXIT_SUCCESS);  // a fresh worker takes over
     }
     Exit(EXIT_SUCCESS);
 }

@@ -152,6 +152,37 @@ TEST_F(HostWebSecurity, LoginIsAPostThrottledPerAddressAndLoggedWithoutThePasswo
     EXPECT_NE(written.find("GET /webapi/auth.cgi 405 - error=113 "), std::string::npos);
 }
 
+// A copy of a process's memory tells neither the admin password nor a
+// password a call carried, once the call is over.
+TEST_F(HostWebSecurity, NoProcessKeepsAPassword) {
+    Start({"--workers", "2"});
+    const auto processes = [&] {
+        std::vector<pid_t> all = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+        all.push_back(host_->Pid());
+        all.push_back(farlink_test::ChildrenNamed(host_->Pid(), "farlink-front").at(0));
+        return all;
+    };
+    for (pid_t process : processes()) EXPECT_EQ(CountInMemory(process, kPassword), 0) << process;
+    const std::vector<pid_t> workers = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+    const Session session = LogIn();
+    const std::string secret = "alias-secret-8d1f0c";
+    HttpRequest call =
+        InSession(session, "POST", Url("/webapi/entry.cgi"), "application/x-www-form-urlencoded",
+                  "api=Test.Host&version=1&method=succeed_empty&kivo_password=" + secret);
+    EXPECT_EQ(Fetch(call).json["success"], true);
+    // The worker that ran the call ends by itself, after its answer.
+    EXPECT_TRUE(WaitUntil([&] {
+        std::vector<pid_t> now = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+        return now.size() == 2 && now != workers;
+    }));
+    for (pid_t process : processes()) {
+        EXPECT_EQ(CountInMemory(process, kPassword), 0)
+            << ReadFile("/proc/" + std::to_string(process) + "/comm");
+        EXPECT_EQ(CountInMemory(process, secret), 0)
+            << ReadFile("/proc/" + std::to_string(process) + "/comm");
+    }
+}
+
 TEST_F(HostWebSecurity, SessionsEndAtLogoutAndWhenIdle) {
     Start({"--session-idle-timeout", "1"});
     const Session first = LogIn(), second = LogIn();
