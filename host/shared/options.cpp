@@ -37,6 +37,11 @@ unsigned long long ParseNumber(const std::string& option, const std::string& tex
     return value;
 }
 
+std::chrono::seconds ParseSeconds(const std::string& option, const std::string& text,
+                                  unsigned long long max) {
+    return std::chrono::seconds(ParseNumber(option, text, 1, max));
+}
+
 // "a,b,,c" -> {"a","b","c"}; "" -> {}.
 std::vector<std::string> SplitList(const std::string& text) {
     std::vector<std::string> items;
@@ -110,9 +115,6 @@ struct OptionSpec {
 // Every option, with what --help says of it: one list, so that the usage
 // text names exactly the options the parser takes.
 std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords) {
-    auto seconds = [](const std::string& o, const std::string& v, unsigned long long max) {
-        return std::chrono::seconds(ParseNumber(o, v, 1, max));
-    };
     return {
         {"--module", "PATH", "the module to load (required)",
          [&](auto&, auto& v) { options.modulePath = v; }},
@@ -144,9 +146,9 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
         {"--pid-file", "FILE", "write the process id here",
          [&](auto&, auto& v) { options.pidFile = v; }},
         {"--request-timeout", "SECONDS", "time for each read and write of a request (30)",
-         [&](auto& o, auto& v) { options.requestTimeout = seconds(o, v, 3600); }},
+         [&](auto& o, auto& v) { options.requestTimeout = ParseSeconds(o, v, 3600); }},
         {"--handler-timeout", "SECONDS", "time a handler may run, 1..86400 (60)",
-         [&](auto& o, auto& v) { options.handlerTimeout = seconds(o, v, 86400); }},
+         [&](auto& o, auto& v) { options.handlerTimeout = ParseSeconds(o, v, 86400); }},
         {"--queue", "N", "requests that may wait for a worker, 1..65536 (256)",
          [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
         {"--exclusive-methods", "PREFIXES", "method prefixes that run one at a time (set)",
@@ -160,17 +162,19 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
         {"--unlimited-addresses", "ADDRS", "addresses the per-address cap does not apply to",
          [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
         {"--header-timeout", "SECONDS", "time for a connection's first request, 1..3600 (10)",
-         [&](auto& o, auto& v) { options.headerTimeout = seconds(o, v, 3600); }},
+         [&](auto& o, auto& v) { options.headerTimeout = ParseSeconds(o, v, 3600); }},
         {"--keepalive-timeout", "SECONDS", "time for the next request, 1..3600 (15)",
-         [&](auto& o, auto& v) { options.keepAliveTimeout = seconds(o, v, 3600); }},
+         [&](auto& o, auto& v) { options.keepAliveTimeout = ParseSeconds(o, v, 3600); }},
         {"--tls-cert", "FILE", "serve HTTPS with this PEM certificate chain",
          [&](auto&, auto& v) { options.tlsCertificate = v; }},
         {"--tls-key", "FILE", "the certificate's PEM private key",
          [&](auto&, auto& v) { options.tlsKey = v; }},
         {"--session-idle-timeout", "SECONDS", "an unused session ends, 1..2592000 (1800)",
-         [&](auto& o, auto& v) { options.sessionIdleTimeout = seconds(o, v, kMaxSessionTime); }},
+         [&](auto& o, auto& v) {
+             options.sessionIdleTimeout = ParseSeconds(o, v, kMaxSessionTime);
+         }},
         {"--session-lifetime", "SECONDS", "a session ends after its login, 1..2592000 (43200)",
-         [&](auto& o, auto& v) { options.sessionLifetime = seconds(o, v, kMaxSessionTime); }},
+         [&](auto& o, auto& v) { options.sessionLifetime = ParseSeconds(o, v, kMaxSessionTime); }},
         {"--max-sessions", "N", "live sessions kept, 1..1048576 (1024)",
          [&](auto& o, auto& v) { options.maxSessions = ParseNumber(o, v, 1, 1u << 20); }},
         {"--web-root", "DIR", "serve the admin page's files from DIR",
