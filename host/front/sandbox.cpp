@@ -55,9 +55,12 @@ void Check(int result, const char* what) {
 
 }  // namespace
 
+// Without CAP_SETPCAP (a service manager may leave it out of the host's own
+// bounding set) nothing can be dropped, and the set the host was started
+// with stands: with no_new_privs and no root id it grants nothing anyway.
 void RenouncePrivileges() {
     for (int cap = 0; cap <= CAP_LAST_CAP; ++cap) {
-        if (prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) != 0 && errno != EINVAL) {
+        if (prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) != 0 && errno != EINVAL && errno != EPERM) {
             throw StartupError("cannot drop capability " + std::to_string(cap) +
                                " from the bounding set: " + std::strerror(errno));
         }

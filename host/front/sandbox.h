@@ -9,7 +9,8 @@
 namespace farlink::host {
 
 // While still root, before the ids are dropped: empties the capability
-// bounding set and sets no_new_privs. Throws StartupError on failure.
+// bounding set (where CAP_SETPCAP allows) and sets no_new_privs. Throws
+// StartupError on failure.
 void RenouncePrivileges();
 
 // Once everything the front opens at start is open, before its first read

@@ -30,9 +30,13 @@ void BlankPasswordArgument(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace farlink::host;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    BlankPasswordArgument(argc, argv);
+    if (!args.empty() && args.front() == "--help") {
+        std::fputs(UsageText().c_str(), stdout);
+        return EXIT_SUCCESS;
+    }
     try {
-        std::vector<std::string> args(argv + 1, argv + argc);
-        BlankPasswordArgument(argc, argv);
         const Options options = ParseOptions(args);
         return Supervise(options);
     } catch (const std::exception& error) {
