@@ -117,7 +117,7 @@ seed_run_dir() {
     write_json_file "$run/orvorelayd/auth.conf" 0600 <<EOF
 {"serial": "FLBOX$(random_hex 5 | tr a-f A-F)", "api_key": "$(random_hex 16)"}
 EOF
-    write_json_file "$run/account.conf" 0600 <<EOF
+    write_json_file "$run/account.conf" 0644 <<EOF
 {"bound": true, "account": "admin@farlink.test", "email": "admin@farlink.test",
  "kivo_id": "kivo-$(random_hex 6)", "auth_key": "$(random_hex 16)", "realname_validated": true}
 EOF
@@ -135,7 +135,7 @@ install_orvo() {
     mkdir -p /usr/orvo/sbin /usr/orvo/bin /usr/orvo/var/lib/orvorelayd /usr/orvo/etc/orvokivo
     install -m 0755 "$bin/orvorelayd" "$bin/orvorelayd-daemon" /usr/orvo/sbin/
     install -m 0755 "$bin/orvokivo" /usr/orvo/bin/orvokivo
-    install -m 0600 "$run/account.conf" /usr/orvo/etc/orvokivo/account.conf
+    install -m 0644 "$run/account.conf" /usr/orvo/etc/orvokivo/account.conf
     bind_dir "$run/orvorelayd" /usr/orvo/etc/orvorelayd
     bind_dir "$run/orvo-var-run" /usr/orvo/var/run
     bind_file "$run/orvoinfo.conf" /etc/orvoinfo.conf

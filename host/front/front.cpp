@@ -353,6 +353,7 @@ void RunFront(FrontSetup setup) {
         RenouncePrivileges();
         DropAllIds(setup.ids);
         Front front(setup);
+        ConfineFiles(setup.options->webRoot);
         ConfineSystemCalls();
         if (!front.SignalReady()) throw std::runtime_error("lost the supervisor");
         code = front.Run();

@@ -1,10 +1,14 @@
 #include "sandbox.h"
 
+#include <farlink/unique_fd.h>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <linux/landlock.h>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -42,6 +46,14 @@ constexpr const char* kAllowed[] = {
     "tgkill",       "write",          "writev",
 };
 
+// Every file-system right of Landlock's first version.
+constexpr __u64 kLandlockFsV1 =
+    LANDLOCK_ACCESS_FS_EXECUTE | LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_READ_FILE |
+    LANDLOCK_ACCESS_FS_READ_DIR | LANDLOCK_ACCESS_FS_REMOVE_DIR | LANDLOCK_ACCESS_FS_REMOVE_FILE |
+    LANDLOCK_ACCESS_FS_MAKE_CHAR | LANDLOCK_ACCESS_FS_MAKE_DIR | LANDLOCK_ACCESS_FS_MAKE_REG |
+    LANDLOCK_ACCESS_FS_MAKE_SOCK | LANDLOCK_ACCESS_FS_MAKE_FIFO | LANDLOCK_ACCESS_FS_MAKE_BLOCK |
+    LANDLOCK_ACCESS_FS_MAKE_SYM;
+
 struct FilterFree {
     void operator()(void* filter) const { seccomp_release(filter); }
 };
@@ -68,6 +80,42 @@ void RenouncePrivileges() {
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
         throw StartupError(std::string("cannot set no_new_privs: ") + std::strerror(errno));
     }
+}
+
+bool ConfineFiles(const std::string& readableRoot) {
+#ifdef FARLINK_SANITIZED
+    (void)readableRoot;
+    return false;
+#else
+    const long abi =
+        syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    if (abi < 1) return false;
+    landlock_ruleset_attr ruleset{};
+    // Rights of later versions (truncating) are system calls the filter
+    // below refuses anyway.
+    ruleset.handled_access_fs = kLandlockFsV1 | (abi >= 2 ? LANDLOCK_ACCESS_FS_REFER : 0);
+    const UniqueFd rules(
+        static_cast<int>(syscall(SYS_landlock_create_ruleset, &ruleset, sizeof ruleset, 0)));
+    if (!rules)
+        throw StartupError(std::string("cannot confine the front's files: ") +
+                           std::strerror(errno));
+    if (!readableRoot.empty()) {
+        const UniqueFd root(open(readableRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        landlock_path_beneath_attr beneath{};
+        beneath.allowed_access = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+        beneath.parent_fd = root.Get();
+        if (!root || syscall(SYS_landlock_add_rule, rules.Get(), LANDLOCK_RULE_PATH_BENEATH,
+                             &beneath, 0) != 0) {
+            throw StartupError("cannot let the front read " + readableRoot + ": " +
+                               std::strerror(errno));
+        }
+    }
+    if (syscall(SYS_landlock_restrict_self, rules.Get(), 0) != 0) {
+        throw StartupError(std::string("cannot confine the front's files: ") +
+                           std::strerror(errno));
+    }
+    return true;
+#endif
 }
 
 bool ConfineSystemCalls() {

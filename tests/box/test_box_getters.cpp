@@ -1,6 +1,7 @@
 // ORVO.Core.Farlink "get" v1 and v2 and ORVO.Core.Farlink.Hostname "get_ip"
 // through the box's host. Runs inside a box.
 #include <orvo/paths.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <thread>
@@ -151,6 +152,7 @@ TEST_F(GettersTest, Version2TakesTheAccountFromTheAccountService) {
         {"{" + email + R"(, "query_error": 5})", "", 2900, "OrvoAccountQueryInfo failed, code = 5",
          "--query_account"},
     };
+    EXPECT_EQ(chmod(ORVO::Paths::kKivoAccount, 0600), 0);
     for (const auto& [state, daemonError, account, logged, refresh] : cases) {
         SetUp();
         SCOPED_TRACE(state);
@@ -163,6 +165,7 @@ TEST_F(GettersTest, Version2TakesTheAccountFromTheAccountService) {
         EXPECT_TRUE(!logged || LoggedError("farlink.v2", logged));
         ExpectRefresh(refresh);
     }
+    EXPECT_EQ(chmod(ORVO::Paths::kKivoAccount, 0644), 0);
 }
 
 }  // namespace

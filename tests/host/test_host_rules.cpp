@@ -162,31 +162,46 @@ TEST(HostReplyHeaders, ThePolicyFollowsTheContentType) {
     }
 }
 
-// What the front does once confined, in a child: how the child ends.
-int ConfinedEnd(void (*act)()) {
+// How a child ends that confines itself with `confine` and then does `act`:
+// its signal, 0 for a normal end, -1 when there is nothing to confine with.
+int ConfinedEnd(bool (*confine)(), void (*act)()) {
     const pid_t child = fork();
     if (child == 0) {
-        if (!ConfineSystemCalls()) _exit(77);
+        if (!confine()) _exit(77);
         act();
         _exit(0);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status) == 77 ? -1 : 0;
+    return WIFSIGNALED(status)         ? WTERMSIG(status)
+           : WEXITSTATUS(status) == 77 ? -1
+                                       : WEXITSTATUS(status);
 }
 
 TEST(HostFrontSandbox, ReadingAndServingGoOnAnythingElseEndsTheProcess) {
-    const int served = ConfinedEnd([] {
+    const int served = ConfinedEnd(ConfineSystemCalls, [] {
         char byte;
         const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
         if (fd < 0 || read(fd, &byte, 1) != 1 || write(STDOUT_FILENO, "", 0) != 0) _exit(1);
     });
     if (served == -1) GTEST_SKIP() << "no system call filter in a sanitizer build";
     EXPECT_EQ(served, 0);
-    EXPECT_EQ(ConfinedEnd([] { execl("/bin/true", "true", nullptr); }), SIGSYS);
-    EXPECT_EQ(ConfinedEnd([] { open("/tmp/farlink-sandbox-test", O_WRONLY | O_CREAT, 0600); }),
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls, [] { execl("/bin/true", "true", nullptr); }), SIGSYS);
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls,
+                          [] { open("/tmp/farlink-sandbox-test", O_WRONLY | O_CREAT, 0600); }),
               SIGSYS);
-    EXPECT_EQ(ConfinedEnd([] { kill(getppid(), 0); }), SIGSYS);
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls, [] { kill(getppid(), 0); }), SIGSYS);
+}
+
+TEST(HostFrontSandbox, FilesAreReadOnlyBeneathTheGivenRoot) {
+    const auto confine = [] { return ConfineFiles("/usr/include"); };
+    const int ended = ConfinedEnd(confine, [] {
+        const int inside = open("/usr/include/stdio.h", O_RDONLY | O_CLOEXEC);
+        const int outside = open("/etc/passwd", O_RDONLY | O_CLOEXEC);
+        _exit(inside >= 0 && outside < 0 && errno == EACCES ? 0 : 1);
+    });
+    if (ended == -1) GTEST_SKIP() << "no Landlock here, or a sanitizer build";
+    EXPECT_EQ(ended, 0);
 }
 
 }  // namespace
