@@ -30,9 +30,8 @@ constexpr std::chrono::milliseconds kAcceptPause{250};
 // A failing accept is reported at most this often.
 constexpr std::chrono::seconds kReportInterval{10};
 
-// A PROXY header's fixed part and signature, and the longest header read
-// (addresses and a little room for extensions).
-constexpr std::size_t kProxyFixedPart = 16;
+// A PROXY header's signature, and the longest header read (addresses and
+// a little room for extensions).
 constexpr std::size_t kProxySignature = 12;
 constexpr std::size_t kLongestProxyHeader = 512;
 
@@ -97,93 +96,93 @@ ConnectionGuard::~ConnectionGuard() {
 // The engine's hook for each accepted connection, before it has its socket.
 bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     auto& guard = *static_cast<ConnectionGuard*>(self);
-    Connection connection;
-    bufferevent* bev = guard.NewBufferEvent(base, connection);
+    bufferevent* bev = guard.tls_ != nullptr
+                           ? farlink::NewServerTlsBufferEvent(base, guard.tls_)
+                           : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
     if (bev == nullptr) return nullptr;
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
+    Connection& connection = guard.connections_[bev];
     connection.deadline = Clock::now() + guard.limits_.headerTimeout;
-    if (connection.proxy) connection.proxy->top = bev;
-    guard.connections_.emplace(bev, std::move(connection));
+    if (!guard.limits_.proxyPeers.empty()) guard.AwaitProxyHeader(bev, connection);
     guard.UpdateAccepting();
     guard.ScheduleSweep(kBusySweepInterval);
     return bev;
 }
 
-// With proxies to trust, every connection's first bytes are looked at
-// before the HTTP engine or TLS sees them: they arrive in the socket's own
-// buffer event, whose reader waits (read watermark) until a whole header
-// could be there.
-bufferevent* ConnectionGuard::NewBufferEvent(event_base* base, Connection& connection) {
-    if (limits_.proxyPeers.empty()) {
-        return tls_ != nullptr ? farlink::NewServerTlsBufferEvent(base, tls_)
-                               : bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
-    }
-    bufferevent* raw = bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE);
-    if (raw == nullptr) return nullptr;
-    bufferevent* top = tls_ != nullptr ? farlink::NewServerTlsFilter(base, raw, tls_) : raw;
-    if (top == nullptr) {
-        bufferevent_free(raw);
-        return nullptr;
-    }
-    connection.proxy.reset(new ProxyWait{this, top, raw});
-    connection.proxy->entry = evbuffer_add_cb(bufferevent_get_input(raw),
-                                              &ConnectionGuard::OnRawInput, connection.proxy.get());
-    bufferevent_setwatermark(raw, EV_READ, kProxyFixedPart, 0);
-    return top;
+// With proxies to trust, every connection's first bytes are looked at on
+// the socket before the HTTP engine or TLS reads any. The engine sets the
+// socket and starts reading right after this hook; the start event runs
+// next, before the loop next polls, and stops that reading until the header
+// is dealt with.
+void ConnectionGuard::AwaitProxyHeader(bufferevent* bev, Connection& connection) {
+    connection.proxy.reset(new ProxyWait{this, bev, nullptr});
+    connection.proxy->event.reset(
+        event_new(base_, -1, 0, &ConnectionGuard::OnProxyStart, connection.proxy.get()));
+    if (connection.proxy->event) event_active(connection.proxy->event.get(), EV_TIMEOUT, 0);
 }
 
-void ConnectionGuard::OnRawInput(evbuffer* input, const evbuffer_cb_info* info, void* wait) {
-    if (info->n_added == 0) return;
+void ConnectionGuard::OnProxyStart(evutil_socket_t, short, void* wait) {
     auto& proxyWait = *static_cast<ProxyWait*>(wait);
-    proxyWait.guard->ReadProxyHeader(proxyWait, input);
+    bufferevent_disable(proxyWait.bev, EV_READ);
+    proxyWait.event.reset(event_new(proxyWait.guard->base_, bufferevent_getfd(proxyWait.bev),
+                                    EV_READ | EV_PERSIST, &ConnectionGuard::OnProxyReadable,
+                                    &proxyWait));
+    if (proxyWait.event) event_add(proxyWait.event.get(), nullptr);
 }
 
-void ConnectionGuard::ReadProxyHeader(ProxyWait& wait, evbuffer* input) {
-    auto found = connections_.find(wait.top);
+void ConnectionGuard::OnProxyReadable(evutil_socket_t fd, short, void* wait) {
+    auto& proxyWait = *static_cast<ProxyWait*>(wait);
+    proxyWait.guard->ReadProxyHeader(proxyWait, fd);
+}
+
+void ConnectionGuard::ReadProxyHeader(ProxyWait& wait, int fd) {
+    auto found = connections_.find(wait.bev);
     if (found == connections_.end()) return;
     Connection& connection = found->second;
-    const std::size_t size = std::min(evbuffer_get_length(input), kLongestProxyHeader);
-    const farlink::ProxyHeader header =
-        farlink::ParseProxyHeader(evbuffer_pullup(input, static_cast<ev_ssize_t>(size)), size);
+    unsigned char head[kLongestProxyHeader];
+    const ssize_t got = recv(fd, head, sizeof head, MSG_PEEK);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+    if (got <= 0) {  // the engine sees the end or the error for itself
+        EndProxyWait(connection);
+        return;
+    }
+    const auto size = static_cast<std::size_t>(got);
+    const farlink::ProxyHeader header = farlink::ParseProxyHeader(head, size);
     using Status = farlink::ProxyHeader::Status;
-    connection.address = PeerAddress(bufferevent_getfd(wait.raw));
+    connection.address = PeerAddress(fd);
     if (limits_.proxyPeers.count(connection.address) == 0) {
-        if (header.status == Status::kMalformed) {  // not a header: the client itself
-            EndProxyWait(wait, input);
-            connection.proxy.reset();
-            return;
-        }
         if (header.status == Status::kIncomplete && size < kProxySignature) return;
-        if (!untrustedHeaderLogged_) {
+        if (header.status != Status::kMalformed && !untrustedHeaderLogged_) {
             std::fprintf(stderr,
                          "farlink-host: refused a PROXY header from %s, which --proxy-from does "
                          "not name; further ones are refused without a word\n",
                          connection.address.c_str());
             untrustedHeaderLogged_ = true;
         }
-        Cut(wait.top, connection);
+        // What is not a header is the client's own first request.
+        if (header.status != Status::kMalformed) Cut(wait.bev, connection);
+        EndProxyWait(connection);
         return;
     }
-    if (header.status == Status::kIncomplete) {
-        if (size == kLongestProxyHeader) Cut(wait.top, connection);
+    if (header.status == Status::kIncomplete && size < sizeof head) return;  // more to come
+    if (header.status != Status::kComplete ||
+        recv(fd, head, header.length, 0) != static_cast<ssize_t>(header.length)) {
+        Cut(wait.bev, connection);
+        EndProxyWait(connection);
         return;
     }
-    if (header.status == Status::kMalformed) {
-        Cut(wait.top, connection);
-        return;
-    }
-    EndProxyWait(wait, input);
-    evbuffer_drain(input, header.length);
     if (header.hasClient) {
         connection.address = AddressText(header.client);
         connection.proxiedClient = ClientText(header.client);
     }
-    connection.proxy.reset();
+    EndProxyWait(connection);
 }
 
-void ConnectionGuard::EndProxyWait(ProxyWait& wait, evbuffer* input) {
-    evbuffer_remove_cb_entry(input, wait.entry);
-    bufferevent_setwatermark(wait.raw, EV_READ, 0, 0);
+// The engine reads from here on (and sees a connection that was cut end).
+void ConnectionGuard::EndProxyWait(Connection& connection) {
+    bufferevent* bev = connection.proxy->bev;
+    connection.proxy.reset();
+    bufferevent_enable(bev, EV_READ);
 }
 
 std::optional<std::pair<std::string, std::string>> ConnectionGuard::ProxiedClient(
@@ -297,8 +296,7 @@ bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
     bufferevent_event_cb eventCallback = nullptr;
     bufferevent_getcb(bev, nullptr, nullptr, &eventCallback, nullptr);
     if (eventCallback != nullptr) return false;
-    if (connection.proxy)
-        EndProxyWait(*connection.proxy, bufferevent_get_input(connection.proxy->raw));
+    connection.proxy.reset();
     if (connection.counted) {
         auto count = perAddress_.find(connection.address);
         if (count != perAddress_.end() && --count->second == 0) perAddress_.erase(count);

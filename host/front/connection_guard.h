@@ -21,7 +21,6 @@
 // shutting its socket down, which the engine sees as the client leaving.
 #pragma once
 
-#include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/http.h>
@@ -37,6 +36,8 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+
+#include "event_handles.h"
 
 namespace farlink::host {
 
@@ -75,12 +76,12 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
-    // A connection's raw bytes until its PROXY header is read.
+    // A connection whose first bytes are looked at on the socket itself,
+    // while its buffer event does not read, until its PROXY header is read.
     struct ProxyWait {
         ConnectionGuard* guard;
-        bufferevent* top;  // what the engine uses
-        bufferevent* raw;  // the socket's own
-        evbuffer_cb_entry* entry = nullptr;
+        bufferevent* bev;
+        EventPtr event;  // first a start once the engine has set the socket, then readable
     };
     struct Connection {
         Clock::time_point deadline;  // for a whole request, while not busy
@@ -92,15 +93,13 @@ private:
         std::string proxiedClient;         // "ADDR:PORT" a proxy named
         std::unique_ptr<ProxyWait> proxy;  // until its header is read
     };
-    struct EventDeleter {
-        void operator()(event* ev) const { event_free(ev); }
-    };
 
     static bufferevent* OnNewConnection(event_base* base, void* self);
-    bufferevent* NewBufferEvent(event_base* base, Connection& connection);
-    static void OnRawInput(evbuffer* input, const evbuffer_cb_info* info, void* wait);
-    void ReadProxyHeader(ProxyWait& wait, evbuffer* input);
-    static void EndProxyWait(ProxyWait& wait, evbuffer* input);
+    void AwaitProxyHeader(bufferevent* bev, Connection& connection);
+    static void OnProxyStart(evutil_socket_t, short, void* wait);
+    static void OnProxyReadable(evutil_socket_t fd, short, void* wait);
+    void ReadProxyHeader(ProxyWait& wait, int fd);
+    void EndProxyWait(Connection& connection);
     static void OnAcceptError(evconnlistener* listener, void* self);
     static void OnSweep(evutil_socket_t, short, void* self);
     static void OnResume(evutil_socket_t, short, void* self);
