@@ -15,37 +15,20 @@ bool ApplyServerTlsPolicy(SSL_CTX* context) {
                                    "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20") == 1;
 }
 
-namespace {
-
-// A client that just closes its socket after its answer is common and
-// harmless: every request is framed by HTTP, not by the TLS close.
-bufferevent* WithDirtyShutdown(bufferevent* bev, SSL* ssl) {
-    if (bev == nullptr) {
-        SSL_free(ssl);
-        return nullptr;
-    }
-    bufferevent_openssl_set_allow_dirty_shutdown(bev, 1);
-    return bev;
-}
-
-}  // namespace
-
 bufferevent* NewServerTlsBufferEvent(event_base* base, SSL_CTX* context) {
     SSL* ssl = SSL_new(context);
     if (ssl == nullptr) return nullptr;
     // With BEV_OPT_CLOSE_ON_FREE the buffer event frees the SSL object.
-    return WithDirtyShutdown(bufferevent_openssl_socket_new(
-                                 base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE),
-                             ssl);
-}
-
-bufferevent* NewServerTlsFilter(event_base* base, bufferevent* underlying, SSL_CTX* context) {
-    SSL* ssl = SSL_new(context);
-    if (ssl == nullptr) return nullptr;
-    return WithDirtyShutdown(
-        bufferevent_openssl_filter_new(base, underlying, ssl, BUFFEREVENT_SSL_ACCEPTING,
-                                       BEV_OPT_CLOSE_ON_FREE),
-        ssl);
+    bufferevent* bev = bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
+                                                      BEV_OPT_CLOSE_ON_FREE);
+    if (bev == nullptr) {
+        SSL_free(ssl);
+        return nullptr;
+    }
+    // A client that just closes its socket after its answer is common and
+    // harmless: every request is framed by HTTP, not by the TLS close.
+    bufferevent_openssl_set_allow_dirty_shutdown(bev, 1);
+    return bev;
 }
 
 }  // namespace farlink

@@ -17,7 +17,4 @@ bool ApplyServerTlsPolicy(SSL_CTX* context);
 // socket. Null when OpenSSL or libevent fail.
 bufferevent* NewServerTlsBufferEvent(event_base* base, SSL_CTX* context);
 
-// The same over `underlying`, whose bytes it reads and writes; owns it.
-bufferevent* NewServerTlsFilter(event_base* base, bufferevent* underlying, SSL_CTX* context);
-
 }  // namespace farlink
