@@ -77,7 +77,7 @@ install(TARGETS farlink-host RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPON
 # The admin page and the API reference, for farlink-host --web-root.
 set(FARLINK_WEB_ROOT "${CMAKE_INSTALL_DATADIR}/farlink-host/web" CACHE STRING
     "Where the admin page is installed, relative to the prefix")
-install(FILES ${FARLINK_WEB_SOURCES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT host)
+install(FILES ${FARLINK_WEB_FILES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT host)
 # The box is a tree of the shape the launcher expects of a build directory
 # (bin/, lib/, deployment.env), so that one launcher serves both.
 install(TARGETS farlink-box-listen farlink-box-forward farlink-syslogd farlink-controlserver
