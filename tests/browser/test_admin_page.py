@@ -115,6 +115,17 @@ def rewritten(path, text):
             file.write(before)
 
 
+@contextlib.contextmanager
+def emulated(controls):
+    """The emulated daemon's test controls for the block."""
+    with open(EMULATION_CONF, "w") as file:
+        json.dump(controls, file)
+    try:
+        yield
+    finally:
+        os.remove(EMULATION_CONF)
+
+
 def silent_resolver():
     return rewritten(RESOLV_CONF, f"nameserver {os.environ['FARLINK_BOX_SILENT_NAMESERVER']}\n")
 
@@ -304,8 +315,13 @@ class AdminPage(unittest.TestCase):
         self.assertNotIn("secret-pw1", json.dumps(control_records()))
         self.shot("alias-bound")
         self.setup_step("relay")
-        self.relay(True)
-        self.until_summary("Reachable at", seconds=SILENCE_SECONDS)
+        # The daemon held at connecting for a moment: the summary says starting.
+        with emulated({"force_status": "connecting", "heartbeat_seconds": 1}):
+            self.relay(True)
+            self.until_summary("Starting")
+            self.shot("summary-starting", "#summary")
+        self.until(lambda: self.find("#status-refresh").click() or self.summary().startswith("Reachable at"),
+                   "the summary 'Reachable at'")
         self.setup_step("doctor")
         self.until_outcome("doctor", "Verdict: The doctor found nothing wrong")
         # Every step done: the guide gives way to the summary.
@@ -435,6 +451,37 @@ class AdminPage(unittest.TestCase):
             self.assertTrue(self.find(f"#word-{word}").text)
         self.shot("reference")
         self.check_answers_match_the_schemas()
+        self.check_the_catalogue_agrees_with_the_reference()
+
+    def check_the_catalogue_agrees_with_the_reference(self):
+        """The page's sentences (web/text-*.json) and the reference never
+        disagree: the same codes and daemon words, English word for word,
+        every call's own sentence for a code that call answers, and every
+        language with the same texts."""
+        with open(os.path.join(SOURCE_DIR, "docs", "openapi.json")) as file:
+            reference = json.load(file)
+        catalogues = {}
+        for language in ("en", "zh-CN"):
+            with open(os.path.join(SOURCE_DIR, "web", f"text-{language}.json")) as file:
+                catalogues[language] = json.load(file)
+        english = catalogues["en"]
+        self.assertEqual(english["codes"], {str(entry["code"]): {key: entry[key] for key in ("sentence", "next")}
+                                            for entry in reference["x-error-codes"]})
+        self.assertEqual(english["words"], {entry["word"]: {key: entry[key] for key in entry if key != "word"}
+                                            for entry in reference["x-daemon-words"]})
+        answered = {}
+        for variant in reference["components"]["schemas"]["EntryCall"]["oneOf"]:
+            api, version, method = (variant["properties"][key]["const"] for key in ("api", "version", "method"))
+            answered[f"{api}/{version}/{method}"] = {str(code) for code in variant["x-error-codes"]}
+        for group in english["calls"]:
+            for row in group["rows"]:
+                self.assertLessEqual(set(group["codes"]), answered.get(row, set()), row)
+
+        def shape(catalogue):
+            return {"ui": set(catalogue["ui"]), "local": set(catalogue["local"]),
+                    "codes": set(catalogue["codes"]), "words": set(catalogue["words"]),
+                    "calls": [(group["rows"], set(group["codes"])) for group in catalogue["calls"]]}
+        self.assertEqual(shape(catalogues["zh-CN"]), shape(english))
 
     def check_answers_match_the_schemas(self):
         with urllib.request.urlopen(URL + "/openapi.json", timeout=10) as answer:
@@ -489,9 +536,7 @@ class AdminPage(unittest.TestCase):
         with contextlib.ExitStack() as stack:
             for context in also:
                 stack.enter_context(context)
-            with open(EMULATION_CONF, "w") as file:
-                json.dump({"force_status": "connecting", "force_error": error}, file)
-            stack.callback(os.remove, EMULATION_CONF)
+            stack.enter_context(emulated({"force_status": "connecting", "force_error": error}))
             self.relay(True)
             stack.callback(self.relay, False)
             self.until_summary("Problem:")
