@@ -2,7 +2,17 @@
 // that comes from the box is only ever set as text (textContent, value).
 import { ApiError, auditRecords, call, signIn, signOut } from "./api.js";
 import { diagnose } from "./doctor.js";
-import { LANGUAGES, applyTexts, chosenLanguage, currentLanguage, describe, describeWord, loadTexts, local, t } from "./text.js";
+import {
+  LANGUAGES,
+  applyTexts,
+  chosenLanguage,
+  currentLanguage,
+  describe,
+  describeWord,
+  loadTexts,
+  local,
+  t,
+} from "./text.js";
 import { changeWords, lastSniChange } from "./changes.js";
 
 const FARLINK = "ORVO.Core.Farlink";
@@ -190,18 +200,17 @@ function addressOf(settings) {
 // Exactly one of off, starting, reachable or a problem, from the latest
 // readings: {state, text, address?}.
 function summaryOf({ status, settings }) {
-  if (status instanceof ApiError) return { state: "problem", text: t("stateProblem", { sentence: sentenceOf(status) }) };
+  const problem = (words) => ({ state: "problem", text: t("stateProblem", { sentence: sentenceOf(words) }) });
+  if (status instanceof ApiError) return problem(status);
   if (!status || !settings) return { state: "unknown", text: t("notCheckedYet") };
   if (settings.enabled !== true) return { state: "off", text: t("stateOff") };
-  const word = describeWord(status.status);
-  const problem = (words) => ({ state: "problem", text: t("stateProblem", { sentence: sentenceOf(words) }) });
   if (status.status === "connected") {
     const address = addressOf(settings);
     return address ? { state: "reachable", text: t("stateReachable"), address } : problem(local("noAlias"));
   }
   if (status.status === "connecting") return { state: "starting", text: t("stateStarting") };
   if (status.status === "not_running") return problem(local("notRunning"));
-  return problem(word);
+  return problem(describeWord(status.status));
 }
 
 function renderSummary() {

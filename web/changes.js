@@ -14,7 +14,10 @@ const onOff = (value) => t(isOn(value) ? "on" : "off");
 const CALLS = {
   [`${FARLINK}/set`]: ["relay", (p) => t(isOn(p.enabled) ? "changeRelayOn" : "changeRelayOff")],
   [`${FARLINK}/set_misc_config`]: ["relay", (p) => t("changeTunnel", { value: onOff(p.relay_enabled) })],
-  [`${FARLINK}/set_server_alias`]: ["alias", (p) => t(isOn(p.force) ? "changeAliasForced" : "changeAlias", { alias: p.server_alias })],
+  [`${FARLINK}/set_server_alias`]: [
+    "alias",
+    (p) => t(isOn(p.force) ? "changeAliasForced" : "changeAlias", { alias: p.server_alias }),
+  ],
   [`${FARLINK}.Upnp/set`]: ["settings", (p) => t(isOn(p.enabled) ? "changeUpnpOn" : "changeUpnpOff")],
   [`${FARLINK}.SNI/set`]: ["settings", (p) => t("changeSni", { values: sniValues(p) })],
   [`${FARLINK}.Permission/set`]: [
@@ -59,7 +62,10 @@ export function changeWords(record, language) {
   const text = sentence(params);
   if (record.result === "ok") return { ...base, kind, failed: false, text };
   const code = codeOf(record.result);
-  const words = code === null ? { sentence: t("changeFailedUnknown"), next: "" } : describe(code, `${record.api}/${record.version}/${record.method}`);
+  const words =
+    code === null
+      ? { sentence: t("changeFailedUnknown"), next: "" }
+      : describe(code, `${record.api}/${record.version}/${record.method}`);
   return { ...base, kind, failed: true, text: t("changeFailed", { change: text, sentence: words.sentence }) };
 }
 
