@@ -216,8 +216,8 @@ function summaryOf({ status, settings }) {
 function renderSummary() {
   const { state, text, address } = summaryOf(readings);
   $("summary-state").dataset.state = state;
-  $("summary-state").textContent = text;
-  $("summary-reach").hidden = !address;
+  $("summary-text").textContent = text;
+  $("summary-address").hidden = $("copy-address").hidden = !address;
   $("summary-address").textContent = address || "";
   $("summary-address").href = address || "#";
   $("summary-doctor").hidden = state !== "problem";
