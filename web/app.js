@@ -402,8 +402,11 @@ function checkAvailability() {
   run("availability", [$("check-availability")], t("askingControl"), async () => {
     const result = await call(FARLINK, 3, "check_availability");
     if (result.available === true) return t("available");
+    // Not offered is said as a failure: in words, and marked as one.
     const code = result.code === SUCCESS ? 2900 : result.code;
-    return t("notAvailable", { sentence: sentenceOf(describe(code, `${FARLINK}/3/check_availability`)) });
+    const row = `${FARLINK}/3/check_availability`;
+    const words = describe(code, row);
+    throw new ApiError(code, { sentence: t("notAvailable", { sentence: words.sentence }), next: words.next }, row);
   });
 }
 

@@ -410,6 +410,7 @@ class AdminPage(unittest.TestCase):
         control("/control/fault", {"command": "get_register_site", "mode": "malformed", "count": 1})
         self.find("#check-availability").click()
         self.until_outcome("availability", "The control server's answer could not be used")
+        self.assertEqual(self.find('[data-for="availability"]').get_attribute("data-kind"), "error")
         # No name server answers: the summary says what 2907 means and
         # offers the doctor.
         with silent_resolver():
