@@ -415,7 +415,11 @@ $("check-availability").addEventListener("click", checkAvailability);
 $("get-register-site").addEventListener("click", (event) =>
   run("register-site", [event.target], t("askingGlobal"), async () => {
     const site = await call(`${FARLINK}.RegisterSite`, 1, "get");
-    setFacts($("register-site"), Object.entries(site || {}));
+    // Named in words; errno is 0 in every answer that gets here, and members
+    // the page does not know are shown under their own names.
+    const labels = { host: "registerSite", region: "region", ddns_domain: "ddnsDomain", portal_domain: "portalDomain" };
+    const entries = Object.entries(site || {}).filter(([key]) => key !== "errno");
+    setFacts($("register-site"), entries.map(([key, value]) => [labels[key] ? t(labels[key]) : key, value]));
     return "";
   }),
 );
