@@ -4,9 +4,7 @@
 #include <orvo/paths.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -18,8 +16,6 @@
 
 #include "test_http.h"
 #include "test_processes.h"
-
-extern char** environ;
 
 namespace farlink_test {
 
@@ -35,8 +31,6 @@ std::string Env(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
 }
-
-std::string InitialCopy(const std::string& name) { return BoxRunDir() + "/initial/" + name; }
 
 std::string CompactJson(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
@@ -122,8 +116,6 @@ SyslogLine ParseSyslogLine(const std::string& raw) {
 
 }  // namespace
 
-std::string BoxRunDir() { return Env("FARLINK_BOX_RUN_DIR"); }
-
 void BoxTest::SetUp() {
     ASSERT_FALSE(BoxRunDir().empty())
         << "BoxTest runs only inside the emulated box: start the program as "
@@ -131,16 +123,7 @@ void BoxTest::SetUp() {
     std::error_code ignored;
     // First: the controls a test left would shape the stop.
     fs::remove(kEmulationConf, ignored);
-    EXPECT_EQ(Relayd("off"), 0) << "cannot stop the relay daemon";
-    for (const auto& entry : fs::directory_iterator(ORVO::Paths::kRelaydConfDir, ignored))
-        fs::remove_all(entry.path(), ignored);
-    std::error_code error;
-    fs::copy(InitialCopy("orvorelayd"), ORVO::Paths::kRelaydConfDir, fs::copy_options::recursive,
-             error);
-    EXPECT_FALSE(error) << "restoring the relay configuration: " << error.message();
-    WriteFile(ORVO::Paths::kHostInfo, ReadFile(InitialCopy("orvoinfo.conf")));
-    WriteFile(kResolvConf, ReadFile(InitialCopy("resolv.conf")));
-    WriteFile(ORVO::Paths::kKivoAccount, ReadFile(InitialCopy("account.conf")));
+    EXPECT_TRUE(RestoreBox()) << "cannot put the box back as it started";
     for (const char* log : {ORVO::Paths::kKivoQueryLog, ORVO::Paths::kSystemdReloadLog,
                             ORVO::Paths::kCloudServiceLog})
         EXPECT_TRUE(truncate(log, 0) == 0 || errno == ENOENT) << "cannot empty " << log;
@@ -244,17 +227,6 @@ bool BoxTest::DaemonRunning() {
            std::string::npos;
 }
 
-int BoxTest::Relayd(const std::string& command) {
-    std::string program = ORVO::Paths::kRelaydProgram, option = "--farlink", word = command;
-    char* args[] = {program.data(), option.data(), word.data(), nullptr};
-    pid_t pid = 0;
-    if (posix_spawn(&pid, args[0], nullptr, nullptr, args, environ) != 0) return -1;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // --- scoped changes -------------------------------------------------------------------
 
 ScopedDnsOutage::ScopedDnsOutage() : saved_(ReadFile(kResolvConf)) {
@@ -273,24 +245,6 @@ ScopedUnrunnableProgram::ScopedUnrunnableProgram(std::string path) : path_(std::
 
 ScopedUnrunnableProgram::~ScopedUnrunnableProgram() {
     EXPECT_EQ(chmod(path_.c_str(), static_cast<mode_t>(mode_)), 0) << path_;
-}
-
-ScopedServiceUser::ScopedServiceUser() {
-    const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
-    if (user == nullptr) {
-        ADD_FAILURE() << "no service user in the box";
-        return;
-    }
-    uid_ = user->pw_uid;
-    gid_ = user->pw_gid;
-    // Group first: once the user id is gone the group can no longer change.
-    EXPECT_EQ(setresgid(-1, gid_, -1), 0);
-    EXPECT_EQ(setresuid(-1, uid_, -1), 0);
-}
-
-ScopedServiceUser::~ScopedServiceUser() {
-    EXPECT_EQ(setresuid(-1, 0, -1), 0);
-    EXPECT_EQ(setresgid(-1, 0, -1), 0);
 }
 
 }  // namespace farlink_test
