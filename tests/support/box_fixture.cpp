@@ -73,35 +73,23 @@ void PostControl(const std::string& path, const Json::Value& body) {
                                   << answer.body;
 }
 
-// real, effective and saved id of a "Uid:" or "Gid:" line of /proc/<pid>/status.
-std::vector<long> ProcessIds(pid_t pid, const std::string& key) {
-    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
-    std::vector<long> ids(3, -1);
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind(key, 0) == 0)
-            std::istringstream(line.substr(key.size())) >> ids[0] >> ids[1] >> ids[2];
-    return ids;
-}
-
 // The workers keep root only as their real and saved ids; the front has
 // none left.
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
     const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
-    const long uid = user->pw_uid, gid = user->pw_gid;
+    // Real, effective, saved and file-system ids.
+    const std::string uid = std::to_string(user->pw_uid), gid = std::to_string(user->pw_gid);
     const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
     EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
     for (pid_t worker : workers) {
-        EXPECT_EQ(ProcessIds(worker, "Uid:"), (std::vector<long>{0, uid, 0}))
-            << "worker " << worker;
-        EXPECT_EQ(ProcessIds(worker, "Gid:"), (std::vector<long>{0, gid, 0}))
-            << "worker " << worker;
+        EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 " + uid + " 0 " + uid) << "worker " << worker;
+        EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 " + gid + " 0 " + gid) << "worker " << worker;
     }
-    for (pid_t front : ChildrenNamed(host, "farlink-front")) {
-        EXPECT_EQ(ProcessIds(front, "Uid:"), (std::vector<long>{uid, uid, uid}))
+    for (pid_t front : ChildrenNamed(host, "farlink-front"))
+        EXPECT_EQ(ProcStatus(front, "Uid:"), uid + " " + uid + " " + uid + " " + uid)
             << "front " << front;
-    }
 }
 
 // <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
