@@ -109,21 +109,11 @@ protected:
     static auto KivoQueries() { return ReadLines(ORVO::Paths::kKivoQueryLog); }
     static auto SystemdReloads() { return ReadLines(ORVO::Paths::kSystemdReloadLog); }
     static auto CloudServiceActions() { return ReadLines(ORVO::Paths::kCloudServiceLog); }
+    // Until the next SetUp, the box's resolver asks a name server that takes
+    // queries and never answers.
+    static void SilenceResolver();
 
     std::uintmax_t syslogMark_ = 0;
-};
-
-// While it lives, the box's resolver points at a name server that takes
-// queries and never answers; /etc/resolv.conf is rewritten in place.
-class ScopedDnsOutage {
-public:
-    ScopedDnsOutage();
-    ~ScopedDnsOutage();
-    ScopedDnsOutage(const ScopedDnsOutage&) = delete;
-    ScopedDnsOutage& operator=(const ScopedDnsOutage&) = delete;
-
-private:
-    std::string saved_;
 };
 
 // While it lives, `path` exists but cannot be executed (its mode is 0644),
