@@ -24,7 +24,7 @@ bool HasTemporaryFile() {
 
 }  // namespace
 
-void EnterBox() {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (farlink_test::BoxRunDir().empty() || std::getenv("FARLINK_BOX_SERVICE_USER") == nullptr) {
         std::fprintf(stderr,
                      "this harness runs only inside the emulated box: "
@@ -32,6 +32,7 @@ void EnterBox() {
         std::exit(1);
     }
     farlink_test::InitialBoxState();
+    return 0;
 }
 
 const ORVO::APITableEntry& Row(const char* api, int version, const char* method) {

@@ -2,6 +2,7 @@
 // host's workers call them: effective ids the service user's, real and
 // saved ids root. Between inputs the box's state goes back to how the box
 // started (box_state.h), so that each input is a reproducer on its own.
+// The harness's LLVMFuzzerInitialize stops the program outside a box.
 #pragma once
 
 #include <json/value.h>
@@ -10,9 +11,6 @@
 #include "box_state.h"
 
 namespace farlink_fuzz {
-
-// Stops the program unless it runs inside the box.
-void EnterBox();
 
 // The table row serving (api, version, method); stops the program if none.
 const ORVO::APITableEntry& Row(const char* api, int version, const char* method);

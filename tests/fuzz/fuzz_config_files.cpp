@@ -59,11 +59,6 @@ bool UsableOrGone(const char* path) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    farlink_fuzz::EnterBox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
     const Reader& reader = kReaders[data[0] % (sizeof kReaders / sizeof kReaders[0])];

@@ -20,11 +20,6 @@ std::vector<const ORVO::APITableEntry*> Rows() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    farlink_fuzz::EnterBox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::vector<const ORVO::APITableEntry*> rows = Rows();
     if (size == 0) return 0;
