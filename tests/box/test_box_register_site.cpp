@@ -180,13 +180,11 @@ TEST_F(RegisterSiteTest, SiteAndServerIdAreStoredOnlyFromUsableAnswers) {
     EXPECT_EQ(ControlRecords().size(), 2u) << "nothing sent without credentials";
 }
 
-TEST_F(RegisterSiteTest, Md5AndRequestsThatCannotBePrepared) {
+// The digest itself and its size limit are the unit tests' (AliasRules).
+TEST_F(RegisterSiteTest, RequestsThatCannotBePreparedAreLogged) {
     char out[65];
     EXPECT_EQ(GetMd5String(nullptr, out, 10), -1);
     EXPECT_TRUE(LoggedError("utils", "Invalid input.")) << "before the size is looked at";
-    EXPECT_EQ(GetMd5String("abc", out, 63), -1);
-    EXPECT_EQ(GetMd5String("", out, 64), 0);
-    EXPECT_STREQ(out, "d41d8cd98f00b204e9800998ecf8427e");
 
     Json::Value response;
     Ret ret = ORVO::Relay::RELAYD_RET_UNSET;

@@ -68,17 +68,13 @@ protected:
 };
 
 TEST_F(ServerAliasTest, ParametersAreCheckedBeforeAnythingIsSent) {
-    const std::string length = "kivo passowrd length is invaild: ";
+    // Which shapes are refused is the unit tests' (AliasRules); here, what is logged.
     const std::pair<std::string, std::string> refused[] = {
         {R"({"kivo_account":"-"})", "Invalid parameter"},
         {R"({"force":"yes"})", "Invalid parameter"},
         {R"({"server_alias":"a_b"})", "alias format error: a_b"},
-        {R"({"server_alias":"a\u0000b"})", "alias format error: a"},
         {R"({"kivo_account":"alice@example.c"})", "kivo account format error: alice@example.c"},
-        {R"({"kivo_password":"12345"})", length + "5"},
-        {R"({"kivo_password":")" + std::string(129, 'p') + "\"}", length + "129"},
-        // Bytes, up to the first NUL: what the digest would see.
-        {R"({"kivo_password":"abc\u0000defgh"})", length + "3"},
+        {R"({"kivo_password":"12345"})", "kivo passowrd length is invaild: 5"},
     };
     for (const auto& [changes, logged] : refused) {
         EXPECT_EQ(SetAlias(changes), 2901) << changes;
