@@ -78,7 +78,7 @@ void PostControl(const std::string& path, const Json::Value& body) {
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
-    const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
+    const pid_t host = HostPid();
     // Real, effective, saved and file-system ids.
     const std::string uid = std::to_string(user->pw_uid), gid = std::to_string(user->pw_gid);
     const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
@@ -120,6 +120,10 @@ void BoxTest::SetUp() {
 }
 
 // --- the web API host -----------------------------------------------------------
+
+pid_t HostPid() {
+    return static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
+}
 
 Json::Value BoxTest::Call(const std::string& api, int version, const std::string& method,
                           const Json::Value& params) {

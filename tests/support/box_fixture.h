@@ -38,6 +38,9 @@ struct SyslogLine {
 // or {"success": false, "error": {"code": code}}.
 Json::Value Answer(int code, const Json::Value& data = Json::Value());
 
+// The pid the box's host was started as (its supervisor).
+pid_t HostPid();
+
 class BoxTest : public ::testing::Test {
 protected:
     using Milliseconds = std::chrono::milliseconds;
