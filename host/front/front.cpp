@@ -158,8 +158,8 @@ private:
         Json::Value message = CallMessage(call);
         pending.frame = EncodeFrame(message);
         if (pending.secret) {
-            WipeStrings(message);
-            WipeStrings(call.params);
+            WipeSecrets(message);
+            WipeSecrets(call.params);
         }
         pending.exclusive = IsExclusiveMethod(options_, call.method);
         if (pending.exclusive) {

@@ -116,7 +116,7 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
         RequestParams& params;
         ~WipeWhenDone() {
             for (auto& [name, value] : params.own) Wipe(value);
-            if (HoldsSecret(params.params)) WipeStrings(params.params);
+            WipeSecrets(params.params);
         }
     } wipe{*collected.params};
     if (IsCrossSite(exchange, *collected.params, isAuth)) return Refusal(HostError::kCrossSite);

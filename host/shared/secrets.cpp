@@ -72,6 +72,8 @@ bool HoldsSecret(const Json::Value& value) {
     return false;
 }
 
+namespace {
+
 // jsoncpp hands out its own buffer of a string value; the buffer is the
 // value's, allocated writable, so writing to it is sound.
 void WipeStrings(Json::Value& value) {
@@ -82,6 +84,22 @@ void WipeStrings(Json::Value& value) {
         return;
     }
     for (Json::Value& item : value) WipeStrings(item);
+}
+
+}  // namespace
+
+void WipeSecrets(Json::Value& value) {
+    if (value.isObject()) {
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            if (NamesSecret(it.name())) {
+                WipeStrings(*it);
+            } else {
+                WipeSecrets(*it);
+            }
+        }
+    } else if (value.isArray()) {
+        for (Json::Value& item : value) WipeSecrets(item);
+    }
 }
 
 void Wipe(std::string& text) {

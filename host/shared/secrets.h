@@ -30,9 +30,9 @@ bool NamesSecret(std::string name);
 // more work.
 bool HoldsSecret(const Json::Value& value);
 
-// Overwrites the text of every string in `value` (what jsoncpp frees is not
-// wiped).
-void WipeStrings(Json::Value& value);
+// Overwrites the text of every string held under a secret's name in
+// `value`, at any depth (what jsoncpp frees is not wiped).
+void WipeSecrets(Json::Value& value);
 
 // Overwrites every byte `text` holds (its spare capacity too) and empties it.
 void Wipe(std::string& text);
