@@ -22,25 +22,25 @@ constexpr char kHostInfoFile[] = "/etc/orvoinfo.conf";
 constexpr char kFailoverKey[] = "farlink_enable_failover";
 constexpr int kApiKeyExpiredAction = 2;
 
-// Runs `orvorelayd --farlink <command>` as root; its failure is logged while
-// the section is still open, before the section's closing trace.
-int RunRelaydCommand(const char* command, const char* failure) {
-    int result = 0;
-    {
-        CriticalSection section(kLogSource, __LINE__);
-        if (OLIBCExec(kRelaydProgram, "--farlink", command, nullptr, nullptr) < 0) {
-            FARLINK_LOG("%s", failure);
-            result = -1;
-        }
-    }
-    return result;
+// Runs `orvorelayd --farlink on|off`: only a program that cannot be run
+// fails. Each of on and off opens its own section, so that the log tells
+// them apart, and logs its failure before the section's closing trace.
+bool ExecRelayd(const char* command) {
+    return OLIBCExec(kRelaydProgram, "--farlink", command, nullptr, nullptr) >= 0;
 }
-
 }  // namespace
-
-int OrvorelaydServiceStart() { return RunRelaydCommand("on", "fail to start farlink service"); }
-
-int OrvorelaydServiceStop() { return RunRelaydCommand("off", "fail to stop farlink service"); }
+int OrvorelaydServiceStart() {
+    CriticalSection section(kLogSource, __LINE__);
+    if (ExecRelayd("on")) return 0;
+    FARLINK_LOG("fail to start farlink service");
+    return -1;
+}
+int OrvorelaydServiceStop() {
+    CriticalSection section(kLogSource, __LINE__);
+    if (ExecRelayd("off")) return 0;
+    FARLINK_LOG("fail to stop farlink service");
+    return -1;
+}
 
 bool OrvorelaydServiceIsEnabled() {
     char status[32];

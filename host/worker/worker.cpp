@@ -1,5 +1,3 @@
-#include "worker.h"
-
 #include <farlink/file_io.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -11,6 +9,7 @@
 
 #include "channel.h"
 #include "module_loader.h"
+#include "processes.h"
 
 namespace farlink::host {
 
@@ -29,6 +28,27 @@ void SetUpSignals() {
     signal(SIGCHLD, SIG_DFL);
 }
 
+ApiReply ReplyFromAnswer(const ORVO::APIResponse& response) {
+    if (!response.IsAnswered()) return ErrorReply(CodeOf(HostError::kNoAnswer));
+    ApiReply reply = response.IsSuccess() ? SuccessReply(response.GetData())
+                                          : ErrorReply(response.GetErrorCode());
+    reply.answers = response.AnswerCount();
+    return reply;
+}
+
+ApiReply RunHandler(ORVO::APIHandler handler, const HandlerCall& call) {
+    // The request object holds the version as an int; a table version above
+    // INT_MAX reaches its handler wrapped.
+    ORVO::APIRequest apiRequest(call.api, static_cast<int>(call.version), call.method, call.params);
+    ORVO::APIResponse apiResponse;
+    handler(&apiRequest, &apiResponse);
+
+    ApiReply reply = ReplyFromAnswer(apiResponse);
+    reply.call = call.Label();
+    reply.body = EnvelopeText(reply.envelope);
+    return reply;
+}
+
 // An exception must not end the worker; the client gets an answer.
 ApiReply RunSafely(ORVO::APIHandler handler, const HandlerCall& call) {
     try {
@@ -38,7 +58,7 @@ ApiReply RunSafely(ORVO::APIHandler handler, const HandlerCall& call) {
     } catch (...) {
         std::fprintf(stderr, "farlink-host: request failed with a non-standard exception\n");
     }
-    ApiReply reply = ApiService::Failure(HostError::kUnknown);
+    ApiReply reply = HostRefusal(HostError::kUnknown);
     reply.call = call.Label();
     return reply;
 }
@@ -47,11 +67,11 @@ WorkerAnswer Answer(const LoadedModule& module, const ServiceIds& ids, const Jso
     WorkerAnswer answer;
     std::optional<HandlerCall> call = ParseCall(message);
     if (!call) {
-        answer.reply = ApiService::Failure(HostError::kMalformedRequest);
+        answer.reply = HostRefusal(HostError::kMalformedRequest);
     } else if (ApiTable::Lookup lookup =
                    module.Table().Find(call->api, call->version, call->method);
                !lookup.found) {
-        answer.reply = ApiService::Failure(lookup.error);
+        answer.reply = HostRefusal(lookup.error);
         answer.reply.call = call->Label();
     } else {
         answer.reply = RunSafely(lookup.handler, *call);

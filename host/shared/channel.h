@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "api_service.h"
 #include "api_table.h"
+#include "call.h"
 
 namespace farlink::host {
 

@@ -39,11 +39,6 @@ private:
     UniqueFd file_;
 };
 
-// Opens (creating, appending) the access log; throws StartupError.
-UniqueFd OpenAccessLog(const std::string& path);
-// The same for any of the host's logs; `what` names it in the error.
-UniqueFd OpenLogForAppend(const std::string& path, const std::string& what);
-
 // Now, in UTC with microseconds: 2026-01-05T10:00:00.123456Z.
 std::string UtcTimestamp();
 

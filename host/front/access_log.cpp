@@ -1,13 +1,9 @@
 #include "access_log.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
-
-#include "startup_error.h"
 
 namespace farlink::host {
 
@@ -53,13 +49,5 @@ void AccessLog::Write(const AccessRecord& record) const {
     ssize_t written = ::write(Fd(), line.data(), line.size());
     (void)written;
 }
-
-UniqueFd OpenLogForAppend(const std::string& path, const std::string& what) {
-    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
-    if (!fd) throw StartupError("cannot open " + what + " " + path + ": " + std::strerror(errno));
-    return fd;
-}
-
-UniqueFd OpenAccessLog(const std::string& path) { return OpenLogForAppend(path, "access log"); }
 
 }  // namespace farlink::host

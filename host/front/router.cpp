@@ -40,7 +40,7 @@ int StatusOf(const ApiReply& reply) {
 }
 
 Router::Answer Refusal(HostError error) {
-    ApiReply reply = ApiService::Failure(error);
+    ApiReply reply = HostRefusal(error);
     return {StatusOf(reply), std::move(reply)};
 }
 
@@ -195,7 +195,7 @@ std::variant<Router::Answer, HandlerCall> Router::Decide(const HttpExchange& exc
     } catch (...) {
         std::fprintf(stderr, "farlink-host: request failed with a non-standard exception\n");
     }
-    return Answer{200, ApiService::Failure(HostError::kUnknown)};
+    return Answer{200, HostRefusal(HostError::kUnknown)};
 }
 
 HttpReply Router::Finish(const HttpExchange& exchange, const Answer& answer, const std::string& ids,

@@ -1,11 +1,8 @@
 #include "api_service.h"
 
-#include <json/writer.h>
 #include <openssl/crypto.h>
 
 #include <limits>
-#include <memory>
-#include <sstream>
 
 namespace farlink::host {
 
@@ -13,20 +10,6 @@ const std::set<std::string> ApiService::kAuthNames = {"account", "passwd", "meth
 const std::set<std::string> ApiService::kCallNames = {"api", "version", "method", "_sid"};
 
 namespace {
-
-Json::Value SuccessEnvelope(const Json::Value& data) {
-    Json::Value envelope(Json::objectValue);
-    envelope["success"] = true;
-    if (!data.isNull()) envelope["data"] = data;
-    return envelope;
-}
-
-Json::Value ErrorEnvelope(int code) {
-    Json::Value envelope(Json::objectValue);
-    envelope["success"] = false;
-    envelope["error"]["code"] = code;
-    return envelope;
-}
 
 std::string Own(const RequestParams& request, const std::string& name) {
     auto found = request.own.find(name);
@@ -44,20 +27,6 @@ std::optional<std::uint32_t> ParseVersion(const std::string& text) {
     return static_cast<std::uint32_t>(value);
 }
 
-ApiReply ErrorReply(int code) {
-    ApiReply reply;
-    reply.envelope = ErrorEnvelope(code);
-    reply.result = "error=" + std::to_string(code);
-    return reply;
-}
-
-ApiReply SuccessReply(const Json::Value& data) {
-    ApiReply reply;
-    reply.envelope = SuccessEnvelope(data);
-    reply.result = "ok";
-    return reply;
-}
-
 // In constant time for equal lengths: an answer's timing must not tell how
 // much of a guess was right.
 bool SameSecret(const std::string& given, const std::string& expected) {
@@ -65,50 +34,24 @@ bool SameSecret(const std::string& given, const std::string& expected) {
            CRYPTO_memcmp(given.data(), expected.data(), given.size()) == 0;
 }
 
-ApiReply ReplyFromAnswer(const ORVO::APIResponse& response) {
-    if (!response.IsAnswered()) return ErrorReply(CodeOf(HostError::kNoAnswer));
-    ApiReply reply = response.IsSuccess() ? SuccessReply(response.GetData())
-                                          : ErrorReply(response.GetErrorCode());
-    reply.answers = response.AnswerCount();
-    return reply;
-}
-
 }  // namespace
-
-std::string EnvelopeText(const Json::Value& envelope) {
-    // One writer per process: building one costs more than most envelopes.
-    static const std::unique_ptr<Json::StreamWriter> writer = [] {
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = "";
-        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
-    }();
-    std::ostringstream text;
-    writer->write(envelope, &text);
-    return text.str();
-}
-
-ApiReply ApiService::Failure(HostError error) {
-    ApiReply reply = ErrorReply(CodeOf(error));
-    reply.error = CodeOf(error);
-    return reply;
-}
 
 // While the address must wait the password is not even compared, so that
 // waiting cannot be skipped by guessing faster.
 ApiReply ApiService::Login(const RequestParams& request, const std::string& address) {
     if (const std::chrono::seconds wait = throttle_.Wait(address); wait.count() > 0) {
-        ApiReply reply = Failure(HostError::kTooManyLogins);
+        ApiReply reply = HostRefusal(HostError::kTooManyLogins);
         reply.retryAfter = wait;
         return reply;
     }
     if (Own(request, "account") != kAdminAccount ||
         !SameSecret(Own(request, "passwd"), adminPassword_)) {
         throttle_.Failed(address);
-        return Failure(HostError::kBadLogin);
+        return HostRefusal(HostError::kBadLogin);
     }
     throttle_.Succeeded(address);
     std::optional<Session> session = sessions_.Create();
-    if (!session) return Failure(HostError::kUnknown);
+    if (!session) return HostRefusal(HostError::kUnknown);
 
     Json::Value data(Json::objectValue);
     data["sid"] = session->id;
@@ -127,8 +70,8 @@ std::variant<ApiReply, std::string> ApiService::Authenticate(const RequestParams
     const bool named = request.own.count("_sid") != 0;
     const std::string id = named ? Own(request, "_sid") : credentials.cookieSession;
     const std::optional<std::string> token = id.empty() ? std::nullopt : sessions_.TokenOf(id);
-    if (!token) return Failure(HostError::kNotLoggedIn);
-    if (!named && !SameSecret(credentials.token, *token)) return Failure(HostError::kBadToken);
+    if (!token) return HostRefusal(HostError::kNotLoggedIn);
+    if (!named && !SameSecret(credentials.token, *token)) return HostRefusal(HostError::kBadToken);
     sessions_.Touch(id);
     return id;
 }
@@ -142,10 +85,6 @@ ApiReply ApiService::Logout(const RequestParams& request, const Credentials& cre
     return reply;
 }
 
-std::string HandlerCall::Label() const {
-    return api + "/" + std::to_string(version) + "/" + method;
-}
-
 std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& request,
                                                       const Credentials& credentials) {
     auto session = Authenticate(request, credentials);
@@ -156,31 +95,18 @@ std::variant<ApiReply, HandlerCall> ApiService::Route(const RequestParams& reque
     call.method = Own(request, "method");
     const std::optional<std::uint32_t> version = ParseVersion(Own(request, "version"));
     if (call.api.empty() || call.method.empty() || !version) {
-        return Failure(HostError::kMalformedRequest);
+        return HostRefusal(HostError::kMalformedRequest);
     }
     call.version = *version;
     ApiTable::Lookup lookup = table_.Find(call.api, call.version, call.method);
     if (!lookup.found) {
-        ApiReply reply = Failure(lookup.error);
+        ApiReply reply = HostRefusal(lookup.error);
         reply.call = call.Label();
         return reply;
     }
     call.params = request.params;
     call.session = std::get<std::string>(std::move(session));
     return call;
-}
-
-ApiReply RunHandler(ORVO::APIHandler handler, const HandlerCall& call) {
-    // The request object holds the version as an int; a table version above
-    // INT_MAX reaches its handler wrapped.
-    ORVO::APIRequest apiRequest(call.api, static_cast<int>(call.version), call.method, call.params);
-    ORVO::APIResponse apiResponse;
-    handler(&apiRequest, &apiResponse);
-
-    ApiReply reply = ReplyFromAnswer(apiResponse);
-    reply.call = call.Label();
-    reply.body = EnvelopeText(reply.envelope);
-    return reply;
 }
 
 }  // namespace farlink::host

@@ -1,0 +1,38 @@
+// What the supervisor sets up around its processes: the pid file, the
+// signals it takes through a descriptor, its waits, and the descriptor limit.
+#pragma once
+
+#include <farlink/unique_fd.h>
+
+#include <chrono>
+#include <string>
+
+#include "options.h"
+
+namespace farlink::host {
+
+std::string ErrnoText();
+
+// Written with root rights and removed with them; the supervisor keeps them.
+class PidFile {
+public:
+    explicit PidFile(std::string path);
+    ~PidFile();
+    PidFile(const PidFile&) = delete;
+    PidFile& operator=(const PidFile&) = delete;
+
+private:
+    std::string path_;
+};
+
+// SIGTERM, SIGINT and SIGCHLD, blocked and read from the returned descriptor.
+UniqueFd SignalFd();
+
+// False once `deadline` passes with nothing to read on `fd`.
+bool WaitReadable(int fd, std::chrono::steady_clock::time_point deadline);
+
+// Raises the soft descriptor limit to the hard one and fits the connection
+// cap under it.
+Options WithConnectionCap(Options options);
+
+}  // namespace farlink::host
