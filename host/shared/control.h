@@ -17,6 +17,7 @@ enum class ControlKind : std::uint32_t {
     kWorkerAdded,     // supervisor -> front: `worker` (pid) is ready; fd attached
     kWorkerExited,    // supervisor -> front: `worker` ended with wait status `status`
     kKillWorker,      // front -> supervisor: `worker` overran its time; kill it
+    kWantWorkers,     // front -> supervisor: keep `wanted` workers running
 };
 
 struct ControlMessage {
@@ -24,6 +25,7 @@ struct ControlMessage {
     std::uint32_t worker = 0;  // the worker's id
     std::int32_t pid = 0;
     std::int32_t status = 0;
+    std::uint32_t wanted = 0;
 };
 
 // Both false/nullopt on failure; `passFd`, if not -1, goes along.

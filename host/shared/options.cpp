@@ -120,6 +120,14 @@ Options ParseOptions(const std::vector<std::string>& args) {
          [&](auto& o, auto& v) {
              options.workers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
          }},
+        {"--min-workers",
+         [&](auto& o, auto& v) {
+             options.minWorkers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
+         }},
+        {"--worker-idle-timeout",
+         [&](auto& o, auto& v) {
+             options.workerIdleTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
+         }},
         {"--handler-timeout",
          [&](auto& o, auto& v) {
              options.handlerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
@@ -185,6 +193,7 @@ Options ParseOptions(const std::vector<std::string>& args) {
         setter->second(option, *value);
     }
     CheckRequired(options);
+    options.minWorkers = std::min(options.minWorkers, options.workers);
     ResolvePassword(passwords, options);
     return options;
 }
