@@ -138,7 +138,7 @@ private:
             failure = error.what();
         }
         if (!link) {
-            std::fprintf(stderr, "farlink-host: cannot replace a worker: %s; trying again\n",
+            std::fprintf(stderr, "farlink-host: cannot start a worker: %s; trying again\n",
                          failure.c_str());
             restartDue_ = Clock::now() + kRestartPause;
             return;
