@@ -4,6 +4,7 @@ set(farlink_package_runtime liborvo-platform1)
 set(farlink_package_dev liborvo-platform-dev)
 set(farlink_package_module orvo-farlink)
 set(farlink_package_host farlink-host)
+set(farlink_package_box farlink-box)
 
 # Every package carries its copyright file and a compressed changelog where
 # Debian's policy puts them.
@@ -11,7 +12,7 @@ set(changelog ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging)
 execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog
                 OUTPUT_FILE ${changelog} COMMAND_ERROR_IS_FATAL ANY)
-foreach(component runtime dev module host)
+foreach(component runtime dev module host box)
   set(package ${farlink_package_${component}})
   string(TOUPPER ${component} COMPONENT)
   set(CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME ${package})
@@ -26,7 +27,7 @@ set(CPACK_PACKAGE_CONTACT "Farlink developers <farlink@example.test>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev module host)
+set(CPACK_COMPONENTS_ALL runtime dev module host box)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -61,11 +62,23 @@ server alias, register site and availability, loaded by the host's web API
 server.")
 set(CPACK_DEBIAN_HOST_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS
-    "${farlink_package_runtime} (= ${kit_version}), ${farlink_package_module} (= ${kit_version}), dnsmasq-base, openssl, iproute2, procps")
-set(CPACK_DEBIAN_HOST_DESCRIPTION "Web API server for ORVO modules, with an emulated box
-farlink-host loads web API modules and serves them over HTTP with
-privilege separation. farlink-box starts an emulated box (private mount,
-network and PID namespaces, name server, control server, relay daemon) with
-the host and the Farlink module.")
+    "${farlink_package_runtime} (= ${kit_version}), ${farlink_package_module} (= ${kit_version})")
+# /etc files are the administrator's; the postinst makes the service user.
+set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/host/conffiles
+                                            ${PROJECT_SOURCE_DIR}/packaging/host/postinst)
+set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_HOST_DESCRIPTION "Web API server for ORVO modules
+farlink-host loads web API modules and serves them over HTTPS with
+privilege separation: a root supervisor, root workers that run the module,
+and an unprivileged front that faces the network. A sandboxed systemd unit
+serves the Farlink module and the admin page; logrotate rotates its logs.")
+set(CPACK_DEBIAN_BOX_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_BOX_PACKAGE_DEPENDS
+    "${farlink_package_host} (= ${kit_version}), dnsmasq-base, openssl, iproute2, procps")
+set(CPACK_DEBIAN_BOX_DESCRIPTION "Emulated ORVO box for trying and testing the Farlink module
+farlink-box starts an emulated box (private mount, network and PID
+namespaces, name server, HTTPS control server, system log, relay daemon and
+account service) with farlink-host and the Farlink module, for development
+and tests. Not for a production host.")
 
 include(CPack)

@@ -9,6 +9,7 @@ packages=(
     libgtest-dev googletest libbenchmark-dev
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
     dpkg-dev file lintian wrk
+    libsystemd-dev systemd scdoc logrotate
     chromium chromium-driver python3-selenium python3-jsonschema
     clang libclang-rt-14-dev
 )

@@ -32,6 +32,8 @@ public:
 
     // Thread-safe: each line is a single append.
     void Write(const AccessRecord& record) const;
+    // From the next line on, write to `file` (the log reopened by its name).
+    void Replace(UniqueFd file) { file_ = std::move(file); }
 
 private:
     int Fd() const;

@@ -47,6 +47,8 @@ public:
     void RecordCall(const AuditedCall& call);
     // `outcome`: "success", "failure", or "throttled" when it was not tried.
     void RecordLogin(const std::string& client, const std::string& outcome);
+    // From the next record on, write to `file` (the log reopened by its name).
+    void Replace(UniqueFd file) { file_ = std::move(file); }
 
     // The latest records, oldest first, as written.
     Json::Value Recent() const;

@@ -259,6 +259,12 @@ private:
             front.pool_->Add({message->worker, message->pid, std::move(passed)});
         } else if (message->kind == ControlKind::kWorkerExited) {
             front.pool_->Exited(message->worker, message->status);
+        } else if (message->kind == ControlKind::kAccessLogReopened && passed) {
+            // Lines are written whole from this one thread, so each goes
+            // entirely to the old file or entirely to the new one.
+            front.log_.Replace(std::move(passed));
+        } else if (message->kind == ControlKind::kAuditLogReopened && passed) {
+            front.audit_.Replace(std::move(passed));
         }
     }
 
@@ -322,6 +328,9 @@ void RunFront(FrontSetup setup) {
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    // SIGHUP is the supervisor's, which reopens the logs; one sent to the
+    // whole service must not end the front.
+    signal(SIGHUP, SIG_IGN);
     int code = EXIT_FAILURE;
     try {
         DropAllIds(setup.ids);

@@ -13,11 +13,13 @@
 namespace farlink::host {
 
 enum class ControlKind : std::uint32_t {
-    kFrontReady = 1,  // front -> supervisor: ids dropped, serving
-    kWorkerAdded,     // supervisor -> front: `worker` (pid) is ready; fd attached
-    kWorkerExited,    // supervisor -> front: `worker` ended with wait status `status`
-    kKillWorker,      // front -> supervisor: `worker` overran its time; kill it
-    kWantWorkers,     // front -> supervisor: keep `wanted` workers running
+    kFrontReady = 1,     // front -> supervisor: ids dropped, serving
+    kWorkerAdded,        // supervisor -> front: `worker` (pid) is ready; fd attached
+    kWorkerExited,       // supervisor -> front: `worker` ended with wait status `status`
+    kKillWorker,         // front -> supervisor: `worker` overran its time; kill it
+    kAccessLogReopened,  // supervisor -> front: write the access log to the fd attached
+    kAuditLogReopened,   // supervisor -> front: write the audit log to the fd attached
+    kWantWorkers,        // front -> supervisor: keep `wanted` workers running
 };
 
 struct ControlMessage {

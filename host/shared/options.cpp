@@ -6,7 +6,6 @@
 #include <fstream>
 #include <functional>
 #include <limits>
-#include <map>
 
 #include "startup_error.h"
 
@@ -36,6 +35,11 @@ unsigned long long ParseNumber(const std::string& option, const std::string& tex
                            std::to_string(max) + ", not '" + text + "'");
     }
     return value;
+}
+
+std::chrono::seconds ParseSeconds(const std::string& option, const std::string& text,
+                                  unsigned long long max) {
+    return std::chrono::seconds(ParseNumber(option, text, 1, max));
 }
 
 // "a,b,,c" -> {"a","b","c"}; "" -> {}.
@@ -99,82 +103,98 @@ void CheckRequired(const Options& options) {
     }
 }
 
+using Setter = std::function<void(const std::string& option, const std::string& value)>;
+
+struct OptionSpec {
+    const char* name;
+    const char* value;  // what the value is, for the usage text
+    const char* help;
+    Setter set;
+};
+
+// Every option, with what --help says of it: one list, so that the usage
+// text names exactly the options the parser takes.
+std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords) {
+    return {
+        {"--module", "PATH", "the module to load (required)",
+         [&](auto&, auto& v) { options.modulePath = v; }},
+        {"--listen", "ADDR:PORT", "bind and listen here; port 0 picks a free one",
+         [&](auto&, auto& v) { options.listenAddress = v; }},
+        {"--listen-fd", "N", "serve on this inherited listening socket",
+         [&](auto& o, auto& v) {
+             options.listenFd =
+                 static_cast<int>(ParseNumber(o, v, 0, std::numeric_limits<int>::max()));
+         }},
+        {"--password-file", "FILE", "the admin password is the file's first line",
+         [&](auto&, auto& v) { passwords.file = v; }},
+        {"--password", "PW", "the admin password itself",
+         [&](auto&, auto& v) { passwords.literal = v; }},
+        {"--user", "NAME", "the service user, not root (nobody)",
+         [&](auto&, auto& v) { options.user = v; }},
+        {"--workers", "N", "at most this many worker processes, 1..64 (4)",
+         [&](auto& o, auto& v) {
+             options.workers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
+         }},
+        {"--min-workers", "N", "worker processes kept while idle, 1..64 (1)",
+         [&](auto& o, auto& v) {
+             options.minWorkers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
+         }},
+        {"--worker-idle-timeout", "SECONDS",
+         "a worker above the minimum idle this long ends, 1..86400 (30)",
+         [&](auto& o, auto& v) { options.workerIdleTimeout = ParseSeconds(o, v, 86400); }},
+        {"--access-log", "FILE", "append the access log here (stderr)",
+         [&](auto&, auto& v) { options.accessLogPath = v; }},
+        {"--audit-log", "FILE", "append the audit log here (memory only)",
+         [&](auto&, auto& v) { options.auditLogPath = v; }},
+        {"--allowed-hosts", "NAMES", "Host names answered besides loopback and the listen address",
+         [&](auto&, auto& v) { options.allowedHosts = SplitList(v); }},
+        {"--max-body", "BYTES", "largest request body, 1..1 GiB (1048576)",
+         [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
+        {"--pid-file", "FILE", "write the process id here",
+         [&](auto&, auto& v) { options.pidFile = v; }},
+        {"--request-timeout", "SECONDS", "time for each read and write of a request (30)",
+         [&](auto& o, auto& v) { options.requestTimeout = ParseSeconds(o, v, 3600); }},
+        {"--handler-timeout", "SECONDS", "time a handler may run, 1..86400 (60)",
+         [&](auto& o, auto& v) { options.handlerTimeout = ParseSeconds(o, v, 86400); }},
+        {"--queue", "N", "requests that may wait for a worker, 1..65536 (256)",
+         [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
+        {"--exclusive-methods", "PREFIXES", "method prefixes that run one at a time (set)",
+         [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
+        {"--max-connections", "N", "connections open at once",
+         [&](auto& o, auto& v) { options.maxConnections = ParseNumber(o, v, 1, 1u << 20); }},
+        {"--max-connections-per-address", "N", "connections open at once from one address (64)",
+         [&](auto& o, auto& v) {
+             options.maxConnectionsPerAddress = ParseNumber(o, v, 1, 1u << 20);
+         }},
+        {"--unlimited-addresses", "ADDRS", "addresses the per-address cap does not apply to",
+         [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
+        {"--header-timeout", "SECONDS", "time for a connection's first request, 1..3600 (10)",
+         [&](auto& o, auto& v) { options.headerTimeout = ParseSeconds(o, v, 3600); }},
+        {"--keepalive-timeout", "SECONDS", "time for the next request, 1..3600 (15)",
+         [&](auto& o, auto& v) { options.keepAliveTimeout = ParseSeconds(o, v, 3600); }},
+        {"--tls-cert", "FILE", "serve HTTPS with this PEM certificate chain",
+         [&](auto&, auto& v) { options.tlsCertificate = v; }},
+        {"--tls-key", "FILE", "the certificate's PEM private key",
+         [&](auto&, auto& v) { options.tlsKey = v; }},
+        {"--session-idle-timeout", "SECONDS", "an unused session ends, 1..2592000 (1800)",
+         [&](auto& o, auto& v) {
+             options.sessionIdleTimeout = ParseSeconds(o, v, kMaxSessionTime);
+         }},
+        {"--session-lifetime", "SECONDS", "a session ends after its login, 1..2592000 (43200)",
+         [&](auto& o, auto& v) { options.sessionLifetime = ParseSeconds(o, v, kMaxSessionTime); }},
+        {"--max-sessions", "N", "live sessions kept, 1..1048576 (1024)",
+         [&](auto& o, auto& v) { options.maxSessions = ParseNumber(o, v, 1, 1u << 20); }},
+        {"--web-root", "DIR", "serve the admin page's files from DIR",
+         [&](auto&, auto& v) { options.webRoot = CheckedWebRoot(v); }},
+    };
+}
+
 }  // namespace
 
 Options ParseOptions(const std::vector<std::string>& args) {
     Options options;
     PasswordSources passwords;
-    using Setter = std::function<void(const std::string& option, const std::string& value)>;
-    const std::map<std::string, Setter> setters = {
-        {"--module", [&](auto&, auto& v) { options.modulePath = v; }},
-        {"--listen", [&](auto&, auto& v) { options.listenAddress = v; }},
-        {"--listen-fd",
-         [&](auto& o, auto& v) {
-             options.listenFd =
-                 static_cast<int>(ParseNumber(o, v, 0, std::numeric_limits<int>::max()));
-         }},
-        {"--user", [&](auto&, auto& v) { options.user = v; }},
-        {"--password-file", [&](auto&, auto& v) { passwords.file = v; }},
-        {"--password", [&](auto&, auto& v) { passwords.literal = v; }},
-        {"--workers",
-         [&](auto& o, auto& v) {
-             options.workers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
-         }},
-        {"--min-workers",
-         [&](auto& o, auto& v) {
-             options.minWorkers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
-         }},
-        {"--worker-idle-timeout",
-         [&](auto& o, auto& v) {
-             options.workerIdleTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
-         }},
-        {"--handler-timeout",
-         [&](auto& o, auto& v) {
-             options.handlerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 86400));
-         }},
-        {"--queue", [&](auto& o, auto& v) { options.queueLimit = ParseNumber(o, v, 1, 65536); }},
-        {"--max-connections",
-         [&](auto& o, auto& v) { options.maxConnections = ParseNumber(o, v, 1, 1u << 20); }},
-        {"--max-connections-per-address",
-         [&](auto& o, auto& v) {
-             options.maxConnectionsPerAddress = ParseNumber(o, v, 1, 1u << 20);
-         }},
-        {"--unlimited-addresses",
-         [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
-        {"--header-timeout",
-         [&](auto& o, auto& v) {
-             options.headerTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
-         }},
-        {"--keepalive-timeout",
-         [&](auto& o, auto& v) {
-             options.keepAliveTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
-         }},
-        {"--exclusive-methods", [&](auto&, auto& v) { options.exclusivePrefixes = SplitList(v); }},
-        {"--access-log", [&](auto&, auto& v) { options.accessLogPath = v; }},
-        {"--audit-log", [&](auto&, auto& v) { options.auditLogPath = v; }},
-        {"--allowed-hosts", [&](auto&, auto& v) { options.allowedHosts = SplitList(v); }},
-        {"--max-body",
-         [&](auto& o, auto& v) { options.maxBody = ParseNumber(o, v, 1, kMaxBodyLimit); }},
-        {"--pid-file", [&](auto&, auto& v) { options.pidFile = v; }},
-        {"--web-root", [&](auto&, auto& v) { options.webRoot = CheckedWebRoot(v); }},
-        {"--request-timeout",
-         [&](auto& o, auto& v) {
-             options.requestTimeout = std::chrono::seconds(ParseNumber(o, v, 1, 3600));
-         }},
-        {"--tls-cert", [&](auto&, auto& v) { options.tlsCertificate = v; }},
-        {"--tls-key", [&](auto&, auto& v) { options.tlsKey = v; }},
-        {"--session-idle-timeout",
-         [&](auto& o, auto& v) {
-             options.sessionIdleTimeout =
-                 std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
-         }},
-        {"--session-lifetime",
-         [&](auto& o, auto& v) {
-             options.sessionLifetime = std::chrono::seconds(ParseNumber(o, v, 1, kMaxSessionTime));
-         }},
-        {"--max-sessions",
-         [&](auto& o, auto& v) { options.maxSessions = ParseNumber(o, v, 1, 1u << 20); }},
-    };
+    const std::vector<OptionSpec> table = OptionTable(options, passwords);
 
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string option = args[i];
@@ -184,18 +204,37 @@ Options ParseOptions(const std::vector<std::string>& args) {
             value = option.substr(equals + 1);
             option.resize(equals);
         }
-        auto setter = setters.find(option);
-        if (setter == setters.end()) throw StartupError("unknown option '" + option + "'");
+        auto spec = std::find_if(table.begin(), table.end(),
+                                 [&](const OptionSpec& row) { return option == row.name; });
+        if (spec == table.end()) throw StartupError("unknown option '" + option + "'");
         if (!value) {
             if (i + 1 == args.size()) throw StartupError(option + " needs a value");
             value = args[++i];
         }
-        setter->second(option, *value);
+        spec->set(option, *value);
     }
     CheckRequired(options);
     options.minWorkers = std::min(options.minWorkers, options.workers);
     ResolvePassword(passwords, options);
     return options;
+}
+
+std::string UsageText() {
+    Options unused;
+    PasswordSources unusedPasswords;
+    std::string text =
+        "usage: farlink-host --module PATH (--listen ADDR:PORT | --listen-fd N)\n"
+        "                    (--password-file FILE | --password PW) [OPTION...]\n"
+        "Every option also takes the form --NAME=VALUE; defaults in parentheses.\n\n";
+    auto row = [&text](const std::string& left, const char* help) {
+        text +=
+            "  " + left + std::string(left.size() < 34 ? 34 - left.size() : 1, ' ') + help + "\n";
+    };
+    for (const OptionSpec& spec : OptionTable(unused, unusedPasswords)) {
+        row(std::string(spec.name) + " " + spec.value, spec.help);
+    }
+    row("--help", "print this and exit");
+    return text + "See farlink-host(8).\n";
 }
 
 bool IsExclusiveMethod(const Options& options, const std::string& method) {

@@ -46,6 +46,8 @@ struct Options {
 
 // Throws StartupError naming the first problem. Reads --password-file.
 Options ParseOptions(const std::vector<std::string>& args);
+// What --help prints: every option ParseOptions takes.
+std::string UsageText();
 
 // Whether `method` must run alone among the methods of its kind.
 bool IsExclusiveMethod(const Options& options, const std::string& method);

@@ -12,8 +12,13 @@
 
 int main(int argc, char** argv) {
     using namespace farlink::host;
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args.front() == "--help") {
+        std::fputs(UsageText().c_str(), stdout);
+        return EXIT_SUCCESS;
+    }
     try {
-        return Supervise(ParseOptions(std::vector<std::string>(argv + 1, argv + argc)));
+        return Supervise(ParseOptions(args));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "farlink-host: %s\n", error.what());
     }

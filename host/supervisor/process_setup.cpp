@@ -34,7 +34,7 @@ PidFile::~PidFile() {
 UniqueFd SignalFd() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (int signal : {SIGTERM, SIGINT, SIGCHLD}) sigaddset(&signals, signal);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
     if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
         throw StartupError("sigprocmask: " + ErrnoText());
     }

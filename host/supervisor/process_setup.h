@@ -25,7 +25,7 @@ private:
     std::string path_;
 };
 
-// SIGTERM, SIGINT and SIGCHLD, blocked and read from the returned descriptor.
+// SIGTERM, SIGINT, SIGHUP and SIGCHLD, blocked and read from the returned descriptor.
 UniqueFd SignalFd();
 
 // False once `deadline` passes with nothing to read on `fd`.

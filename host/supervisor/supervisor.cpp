@@ -25,6 +25,7 @@
 #include "privileges.h"
 #include "process_setup.h"
 #include "processes.h"
+#include "service_manager.h"
 #include "startup_error.h"
 #include "tls.h"
 
@@ -198,6 +199,7 @@ private:
         std::printf("farlink-host: listening on %s://%s\n",
                     options_.tlsCertificate.empty() ? "http" : "https", listener_.address.c_str());
         std::fflush(stdout);
+        serviceManager_.Ready();
     }
 
     // --- the loop -------------------------------------------------------------
@@ -231,10 +233,32 @@ private:
         if (read(signals_.Get(), &info, sizeof info) != sizeof info) return;
         if (info.ssi_signo == SIGCHLD) {
             Reap();
+        } else if (info.ssi_signo == SIGHUP) {
+            ReopenLogs();
         } else if (!stopping_) {
+            serviceManager_.Stopping();
             stopping_ = true;
             stopDeadline_ = Clock::now() + kStopTimeout;
             kill(frontPid_, SIGTERM);
+        }
+    }
+
+    // For log rotation: the supervisor opened the logs while root and opens
+    // them again; the front, which cannot, switches to the new descriptors.
+    void ReopenLogs() {
+        ReopenLog(options_.accessLogPath, "access log", ControlKind::kAccessLogReopened);
+        ReopenLog(options_.auditLogPath, "audit log", ControlKind::kAuditLogReopened);
+    }
+
+    void ReopenLog(const std::string& path, const std::string& what, ControlKind kind) {
+        if (path.empty() || !control_) return;
+        try {
+            const UniqueFd log = OpenLogForAppend(path, what);
+            ControlMessage reopened;
+            reopened.kind = kind;
+            (void)SendControl(control_.Get(), reopened, log.Get());  // a lost front is reaped
+        } catch (const StartupError& error) {
+            std::fprintf(stderr, "farlink-host: %s; writing on to the old file\n", error.what());
         }
     }
 
@@ -319,6 +343,7 @@ private:
     }
 
     const Options& options_;
+    ServiceManager serviceManager_;  // first: takes NOTIFY_SOCKET before anything is forked
     UniqueFd accessLog_;
     UniqueFd auditLog_;
     ServiceIds ids_;

@@ -65,14 +65,15 @@ public:
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
-    // Waits for the ready line; false if the process ended or said nothing.
-    bool WaitListening() {
+    // Waits for the ready line; false if the process ended or said nothing
+    // for `timeoutMs`.
+    bool WaitListening(int timeoutMs = 10000) {
         const std::string prefix = "farlink-host: listening on ";
         while (stdout_.find('\n') == std::string::npos) {
             pollfd ready{stdoutFd_, POLLIN, 0};
             char buffer[256];
             const ssize_t got =
-                poll(&ready, 1, 10000) == 1 ? read(stdoutFd_, buffer, sizeof buffer) : 0;
+                poll(&ready, 1, timeoutMs) == 1 ? read(stdoutFd_, buffer, sizeof buffer) : 0;
             if (got <= 0) return false;
             stdout_.append(buffer, static_cast<size_t>(got));
         }

@@ -1,9 +1,11 @@
 // farlink-host as a process: what it refuses to start with, the ids it
 // serves with, and how it stops.
+#include <farlink/unique_fd.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -207,6 +209,36 @@ TEST(HostScheduling, WorkersStartUnderLoadAndIdleOnesEnd) {
     for (auto& call : calls) EXPECT_EQ(call.get().body, R"({"success":true})");
     EXPECT_TRUE(WaitUntil([&] { return workers() == 1; })) << workers();
     EXPECT_EQ(LoggedInCall(host, "succeed_empty").body, R"({"success":true})");
+}
+
+// What the service manager hears on NOTIFY_SOCKET: READY=1 only from a host
+// that serves, once it does, and STOPPING=1 when it is told to stop.
+TEST(HostStartup, TellsTheServiceManagerWhenItServesAndWhenItStops) {
+    const std::string path = TempPath("notify");
+    UniqueFd notify(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(notify.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    auto next = [&] {
+        char state[64] = {};
+        pollfd ready{notify.Get(), POLLIN, 0};
+        if (poll(&ready, 1, 10000) != 1) return std::string("nothing");
+        return std::string(state, std::max<ssize_t>(0, recv(notify.Get(), state, sizeof state, 0)));
+    };
+
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    HostProcess refused(Serving(BAD_MODULE_NULL_TABLE));
+    EXPECT_EQ(refused.Finish(), 1);
+    HostProcess host(Serving(TEST_MODULE_PATH));
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(next(), "READY=1") << "the first datagram, none from the host that did not start";
+    EXPECT_TRUE(host.WaitListening(0)) << "ready before the host said it listens";
+    EXPECT_EQ(LoggedInCall(host, "succeed_empty").json["success"], true);
+    kill(host.Pid(), SIGTERM);
+    EXPECT_EQ(next(), "STOPPING=1");
+    EXPECT_EQ(host.Finish(), 0) << host.StderrText();
+    unlink(path.c_str());
 }
 
 TEST(HostShutdown, SigtermFinishesTheSlowRequestInFlightThenExitsZero) {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs inside the box: installs the packages with dpkg (the box's overlays on
 # /usr and /etc, and one over dpkg's database, make it throwaway), builds the
-# example module out of tree twice, and asks the installed host for answers.
+# example module out of tree twice, asks the installed host for answers,
+# checks the service unit and rotates the logs under load.
 #   test_install.sh PACKAGE_DIR EXAMPLE_SOURCE_DIR
 set -euo pipefail
 packages=$1 example=$2
@@ -28,21 +29,23 @@ throwaway_dpkg_database() {
 
 install_packages() {
     local debs=("$packages"/*.deb)
-    [ ${#debs[@]} -eq 4 ] || fail "expected 4 packages in $packages, found ${#debs[@]}"
+    [ ${#debs[@]} -eq 5 ] || fail "expected 5 packages in $packages, found ${#debs[@]}"
     dpkg --log=/dev/null -i "${debs[@]}" >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; fail "dpkg -i"; }
     local package
-    for package in liborvo-platform1 liborvo-platform-dev orvo-farlink farlink-host; do
+    for package in liborvo-platform1 liborvo-platform-dev orvo-farlink farlink-host farlink-box; do
         dpkg-query -W -f='${Status}\n' "$package" | grep -q 'install ok installed' ||
             fail "$package is not installed"
     done
     echo "ok: installed ${debs[*]##*/}"
 }
 
-# Starts the installed host on a free port with MODULE; sets url.
+# Starts the installed host on a free port with MODULE and further options
+# (a later one wins); sets url.
 start_host() {
     local module=$1 out=$work/host.out
+    shift
     /usr/sbin/farlink-host --module "$module" --listen 127.0.0.1:0 --password pw \
-        --access-log "$work/access.log" >"$out" 2>"$work/host.err" &
+        --access-log "$work/access.log" "$@" >"$out" 2>"$work/host.err" &
     host_pid=$!
     local tries
     for ((tries = 0; tries < 100; tries++)); do
@@ -104,10 +107,12 @@ build_examples() {
     check_example find_package "$work/cmake-build/libwebapi-Example.Hello.so"
 }
 
+farlink_module() {
+    dpkg -L orvo-farlink | grep '/libwebapi-ORVO.Core.Farlink.so$'
+}
+
 check_installed_farlink() {
-    local module
-    module=$(dpkg -L orvo-farlink | grep '/libwebapi-ORVO.Core.Farlink.so$')
-    start_host "$module"
+    start_host "$(farlink_module)"
     expect "installed Farlink status" "$(call ORVO.Core.Farlink 1 status)" '{"data":{"alias_status":*,"status":*},"success":true}'
     stop_host
 }
@@ -115,7 +120,7 @@ check_installed_farlink() {
 # The installed box's launcher runs a box of its own (nested in this one)
 # from the installed tree, admin page included.
 check_installed_box() {
-    /usr/sbin/farlink-box --port 0 --run-dir "$work/installed-box" -- \
+    /usr/bin/farlink-box --port 0 --run-dir "$work/installed-box" -- \
         sh -c 'for p in /proc/[0-9]*; do readlink -f $p/exe; done | grep farlink-host | sort -u
                curl -sf "$FARLINK_BOX_URL/" | grep -o "<title>Farlink relay</title>"
                curl -sf "$FARLINK_BOX_URL/openapi.json" | grep -o "\"openapi\": \"3.1.0\""' \
@@ -127,9 +132,61 @@ check_installed_box() {
     echo "ok: installed box serves with /usr/sbin/farlink-host, the admin page included"
 }
 
+# The unit as installed: systemd's own checks, its sandbox no weaker than
+# measured (exposure 3.0), and the user its front runs as.
+check_service_unit() {
+    local unit
+    unit=$(dpkg -L farlink-host | grep '/farlink-host.service$')
+    systemd-analyze verify "$unit" >"$work/verify.log" 2>&1 || { cat "$work/verify.log"; fail "unit verify"; }
+    systemd-analyze security --offline=yes --threshold=30 "$unit" >"$work/security.log" 2>&1 ||
+        { tail -3 "$work/security.log"; fail "unit sandbox weaker than exposure 3.0"; }
+    getent passwd _farlink >/dev/null || fail "no user _farlink after installing farlink-host"
+    echo "ok: $unit verifies, $(grep -o 'exposure level.*' "$work/security.log")"
+}
+
+# The shipped logrotate file rotates the logs of a host that serves the way
+# the unit starts it, again and again while clients call; every request's
+# line and every audit record is in exactly one file, whole.
+check_log_rotation() {
+    local logs=/var/log/farlink-host run=/run/farlink-host clients=4 calls=100 rotation
+    mount -t tmpfs box-logs /var/log  # the machine's own logs stay untouched
+    mkdir -p "$logs" "$run"
+    start_host "$(farlink_module)" --pid-file "$run/farlink-host.pid" \
+        --access-log "$logs/access.log" --audit-log "$logs/audit.log"
+    local client pids=()
+    for ((client = 0; client < clients; client++)); do
+        for ((i = 0; i < calls; i++)); do
+            call ORVO.Core.Farlink.Upnp 1 set -d enabled=true >/dev/null || echo failed
+        done >"$work/client-$client.out" &
+        pids+=($!)
+    done
+    # Fewer rotations than the file keeps, so that none is dropped.
+    for rotation in 1 2 3 4; do
+        sleep 0.2
+        logrotate -f -s "$work/logrotate.state" /etc/logrotate.d/farlink-host || fail "logrotate"
+    done
+    kill -0 "${pids[@]}" 2>/dev/null || fail "the clients were done before the last rotation"
+    wait "${pids[@]}"
+    ! grep -q failed "$work"/client-*.out || fail "a call failed during rotation"
+    stop_host
+    [ -e "$logs/access.log.2.gz" ] || fail "no compressed rotation: $(ls "$logs")"
+    [ -s "$logs/access.log" ] && [ -s "$logs/audit.log" ] || fail "nothing written to the reopened logs"
+    local requests=$((1 + clients * calls)) access audit
+    access=$(zcat -f "$logs"/access.log* | awk 'NF == 10' | wc -l)
+    audit=$(zcat -f "$logs"/audit.log* |
+        python3 -c 'import json, sys; print(sum(1 for line in sys.stdin if json.loads(line)))')
+    [ "$access" -eq "$requests" ] && [ "$(zcat -f "$logs"/access.log* | wc -l)" -eq "$requests" ] ||
+        fail "access log lines across rotations: $access whole of $(zcat -f "$logs"/access.log* | wc -l), want $requests"
+    [ "$audit" -eq "$requests" ] || fail "audit records across rotations: $audit, want $requests"
+    umount /var/log
+    echo "ok: 4 rotations under load kept all $requests access and audit lines whole"
+}
+
 throwaway_dpkg_database
 install_packages
+check_service_unit
 build_examples
 check_installed_farlink
+check_log_rotation
 check_installed_box
 echo "install test passed"
