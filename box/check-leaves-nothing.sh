@@ -58,7 +58,9 @@ url=$(grep -o 'https://127.0.0.1:[0-9]*/webapi/' "$work/killed.out")
 code=$(curl -s -o /dev/null --max-time 10 -w '%{http_code}' --cacert "$work/killed/ca.pem" \
     "${url}auth.cgi" || true)
 [ "$code" != 000 ] || fail "the host is not reachable from the machine at $url"
-kill -KILL "$launcher"
+# setsid forks when it happens to lead its process group, and then $! is not
+# the launcher: the launcher is the oldest process of this run.
+kill -KILL "$(pgrep -o -f -- "--run-dir $work/killed")"
 wait "$launcher" 2>/dev/null || true
 expect_nothing_left "$work/killed"
 echo "box leaves nothing behind"

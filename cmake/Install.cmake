@@ -103,7 +103,7 @@ install(TARGETS farlink-host RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPON
 # The admin page and the API reference, for farlink-host --web-root.
 set(FARLINK_WEB_ROOT "${CMAKE_INSTALL_DATADIR}/farlink-host/web" CACHE STRING
     "Where the admin page is installed, relative to the prefix")
-install(FILES ${FARLINK_WEB_SOURCES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT host)
+install(FILES ${FARLINK_WEB_FILES} DESTINATION ${FARLINK_WEB_ROOT} COMPONENT host)
 
 # The service unit, its options, its user and the rotation of its logs. The
 # system's own unit and sysusers directories, as systemd names them, under

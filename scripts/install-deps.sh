@@ -10,7 +10,7 @@ packages=(
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
     dpkg-dev file lintian wrk
     libsystemd-dev systemd scdoc logrotate
-    chromium chromium-driver python3-selenium python3-jsonschema
+    chromium chromium-driver python3-selenium python3-jsonschema fonts-wqy-microhei
     clang libclang-rt-14-dev
 )
 

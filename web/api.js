@@ -1,8 +1,8 @@
 // The web API as the page uses it: sign in and out, and calls of the
 // module's rows. Every exchange ends: a time limit above the host's own
 // bound for a handler (60 s, after which it answers 111) aborts the rest.
-// Failures become ApiError with a sentence and a way forward.
-import { LOCAL, describe, loadCodes } from "./codes.js";
+// Failures become ApiError with the sentence for the call and its code.
+import { describe, local } from "./text.js";
 
 export const CALL_TIME_LIMIT_MS = 70000;
 const TOKEN_KEY = "farlink-token";
@@ -11,9 +11,12 @@ export const NOT_SIGNED_IN = 105;
 export const BAD_TOKEN = 114;
 
 export class ApiError extends Error {
-  constructor(code, words) {
+  // `row` names the call ("api/version/method"); the raw code and row are
+  // details, shown only on request.
+  constructor(code, words, row = "") {
     super(words.sentence);
     this.code = code; // null when no answer came
+    this.row = row;
     this.sentence = words.sentence;
     this.next = words.next;
   }
@@ -22,35 +25,36 @@ export class ApiError extends Error {
   get signedOut() {
     return this.code === NOT_SIGNED_IN || this.code === BAD_TOKEN;
   }
+
+  get details() {
+    return this.code === null ? "" : `${this.row} ${this.code}`.trim();
+  }
 }
 
-async function exchange(url, options, limitMs) {
+// Answers are never stored; the page's own files are revalidated.
+async function exchange(url, options, limitMs, cache = "no-store") {
   const controller = new AbortController();
   const timer = setTimeout(() => controller.abort(), limitMs);
   let response = null;
   try {
-    response = await fetch(url, {
-      ...options,
-      signal: controller.signal,
-      credentials: "same-origin",
-      cache: "no-store",
-    });
+    response = await fetch(url, { ...options, signal: controller.signal, credentials: "same-origin", cache });
     return await response.json();
   } catch (error) {
-    if (error.name === "AbortError") throw new ApiError(null, LOCAL.timeout);
-    throw new ApiError(null, response ? LOCAL.unreadable : LOCAL.unreachable);
+    if (error.name === "AbortError") throw new ApiError(null, local("timeout"));
+    throw new ApiError(null, local(response ? "unreadable" : "unreachable"));
   } finally {
     clearTimeout(timer);
   }
 }
 
-export function fetchJson(url, limitMs = CALL_TIME_LIMIT_MS) {
-  return exchange(url, {}, limitMs);
+// One of the page's own files (deployment.json).
+export function fetchFile(url, limitMs) {
+  return exchange(url, {}, limitMs, "no-cache");
 }
 
 // The answer's data (undefined for methods that only change state), or an
 // ApiError for a refusal.
-async function post(path, body, headers = {}) {
+async function post(path, body, headers = {}, row = "") {
   const answer = await exchange(
     path,
     {
@@ -62,9 +66,8 @@ async function post(path, body, headers = {}) {
   );
   if (answer && answer.success === true) return answer.data;
   const code = answer && answer.error && answer.error.code;
-  if (!Number.isInteger(code)) throw new ApiError(null, LOCAL.unreadable);
-  await loadCodes(fetchJson);
-  throw new ApiError(code, describe(code));
+  if (!Number.isInteger(code)) throw new ApiError(null, local("unreadable"));
+  throw new ApiError(code, describe(code, row), row);
 }
 
 function tokenHeader() {
@@ -78,6 +81,7 @@ export function call(api, version, method, params = {}) {
     "/webapi/entry.cgi",
     { ...params, api, version: String(version), method },
     tokenHeader(),
+    `${api}/${version}/${method}`,
   );
 }
 

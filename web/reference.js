@@ -1,6 +1,6 @@
 // The human-readable API reference, drawn from openapi.json: the one place
 // that names the rows, their parameters, results and codes.
-import { fetchJson } from "./api.js";
+import { fetchFile } from "./api.js";
 
 const $ = (id) => document.getElementById(id);
 
@@ -101,7 +101,7 @@ function render(document) {
   }
 }
 
-fetchJson("openapi.json", 15000)
+fetchFile("openapi.json", 15000)
   .then(render)
   .catch(() => {
     $("reference-message").textContent = "The reference could not be loaded from the box. Reload the page.";

@@ -121,7 +121,8 @@ private:
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
         // A foreign Host goes on to the router, which refuses it.
         if (names_.Allows(exchange.host) && StaticFiles::Claims(exchange.method, exchange.path)) {
-            if (std::optional<StaticFile> file = pages_.Find(exchange.path)) {
+            if (std::optional<StaticFile> file =
+                    pages_.Find(exchange.path, {exchange.acceptEncoding, exchange.ifNoneMatch})) {
                 SendFile(request, exchange, std::move(*file), started);
                 return;
             }
@@ -177,7 +178,8 @@ private:
         guard_->Answered(request);  // and watches the connection's end again
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
         evhttp_add_header(headers, "Content-Type", reply.contentType.c_str());
-        for (const HeaderList& list : {SafeHeaders(reply.contentType), reply.headers}) {
+        for (const HeaderList& list :
+             {SafeHeaders(reply.contentType, reply.revalidated), reply.headers}) {
             for (const auto& [name, value] : list) {
                 evhttp_add_header(headers, name.c_str(), value.c_str());
             }
@@ -200,6 +202,8 @@ private:
         reply.status = file.status;
         reply.body = std::move(file.body);
         reply.contentType = std::move(file.contentType);
+        reply.headers = std::move(file.headers);
+        reply.revalidated = true;
         Send(request, reply);
     }
 

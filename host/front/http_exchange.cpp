@@ -54,6 +54,8 @@ HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
     exchange.host = Header(request, "Host");
     exchange.origin = Header(request, "Origin");
     exchange.fetchSite = Header(request, "Sec-Fetch-Site");
+    exchange.acceptEncoding = Header(request, "Accept-Encoding");
+    exchange.ifNoneMatch = Header(request, "If-None-Match");
 
     evbuffer* input = evhttp_request_get_input_buffer(request);
     std::size_t length = evbuffer_get_length(input);

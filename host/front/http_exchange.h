@@ -22,12 +22,14 @@ struct HttpExchange {
     std::string path;     // as sent, without the query
     std::string query;    // as sent, still encoded
     std::string contentType;
-    std::string cookie;     // the Cookie header
-    std::string token;      // the token header; empty when missing or sent more than once
-    std::string host;       // the Host header
-    std::string origin;     // the Origin header
-    std::string fetchSite;  // the Sec-Fetch-Site header
-    std::string body;       // empty when bodyTooLarge
+    std::string cookie;          // the Cookie header
+    std::string token;           // the token header; empty when missing or sent more than once
+    std::string host;            // the Host header
+    std::string origin;          // the Origin header
+    std::string fetchSite;       // the Sec-Fetch-Site header
+    std::string acceptEncoding;  // the Accept-Encoding header
+    std::string ifNoneMatch;     // the If-None-Match header
+    std::string body;            // empty when bodyTooLarge
     bool bodyTooLarge = false;
 };
 
@@ -41,6 +43,9 @@ struct HttpReply {
     std::string body;
     // Beyond the content type and the headers every answer gets.
     std::vector<std::pair<std::string, std::string>> headers;
+    // The admin page's files may be kept by the browser and revalidated;
+    // nothing else may be stored (a login answer holds a session id).
+    bool revalidated = false;
 };
 
 }  // namespace farlink::host

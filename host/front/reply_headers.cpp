@@ -33,10 +33,10 @@ bool IsPageType(const std::string& contentType) {
 
 }  // namespace
 
-HeaderList SafeHeaders(const std::string& contentType) {
+HeaderList SafeHeaders(const std::string& contentType, bool revalidated) {
     return {
         {"X-Content-Type-Options", "nosniff"},
-        {"Cache-Control", "no-store"},
+        {"Cache-Control", revalidated ? "no-cache" : "no-store"},
         {"Referrer-Policy", "no-referrer"},
         {"X-Frame-Options", "DENY"},
         {"Content-Security-Policy", IsPageType(contentType) ? kPagePolicy : kApiPolicy},

@@ -1,10 +1,14 @@
 #include "static_files.h"
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -61,20 +65,66 @@ UniqueFd OpenBeneath(int root, const std::vector<std::string>& names) {
         openat(at, names.back().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
 }
 
-std::optional<std::string> ReadRegularFile(int fd) {
+// A regular file opened beneath the root, with the facts its validator is
+// made of.
+struct OpenFile {
+    UniqueFd fd;
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kMaxFileSize) {
+};
+
+std::optional<OpenFile> OpenRegular(int root, const std::vector<std::string>& names) {
+    OpenFile file{OpenBeneath(root, names)};
+    if (!file.fd || fstat(file.fd.Get(), &file.info) != 0 || !S_ISREG(file.info.st_mode) ||
+        file.info.st_size > kMaxFileSize) {
         return std::nullopt;
     }
-    std::string body(static_cast<std::size_t>(info.st_size), '\0');
+    return file;
+}
+
+std::optional<std::string> ReadAll(const OpenFile& file) {
+    std::string body(static_cast<std::size_t>(file.info.st_size), '\0');
     std::size_t done = 0;
     while (done < body.size()) {
-        const ssize_t got = read(fd, body.data() + done, body.size() - done);
+        const ssize_t got = read(file.fd.Get(), body.data() + done, body.size() - done);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return std::nullopt;
         done += static_cast<std::size_t>(got);
     }
     return body;
+}
+
+// Size and modification time name one version of a file; the gzip twin is
+// another representation, so it has a validator of its own.
+std::string ValidatorOf(const struct stat& info, bool gzip) {
+    char text[96];
+    std::snprintf(text, sizeof text, "\"%llx-%llx.%lx%s\"",
+                  static_cast<unsigned long long>(info.st_size),
+                  static_cast<unsigned long long>(info.st_mtim.tv_sec),
+                  static_cast<unsigned long>(info.st_mtim.tv_nsec), gzip ? "-gzip" : "");
+    return text;
+}
+
+bool OlderThan(const struct stat& a, const struct stat& b) {
+    return a.st_mtim.tv_sec < b.st_mtim.tv_sec ||
+           (a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec < b.st_mtim.tv_nsec);
+}
+
+std::string Trimmed(const std::string& text) {
+    const std::size_t first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// The comma-separated members of a header, trimmed.
+std::vector<std::string> ListMembers(const std::string& header) {
+    std::vector<std::string> members;
+    std::size_t start = 0;
+    while (start <= header.size()) {
+        const std::size_t end = std::min(header.find(',', start), header.size());
+        members.push_back(Trimmed(header.substr(start, end - start)));
+        start = end + 1;
+    }
+    return members;
 }
 
 bool EndsWith(const std::string& text, const std::string& end) {
@@ -112,15 +162,56 @@ bool StaticFiles::Claims(const std::string& method, const std::string& path) {
     return (method == "GET" || method == "HEAD") && path.rfind(kApiPrefix, 0) != 0;
 }
 
-std::optional<StaticFile> StaticFiles::Find(const std::string& path) const {
+bool TakesGzip(const std::string& acceptEncoding) {
+    for (const std::string& member : ListMembers(acceptEncoding)) {
+        const std::size_t semicolon = member.find(';');
+        if (strcasecmp(Trimmed(member.substr(0, semicolon)).c_str(), "gzip") != 0) continue;
+        if (semicolon == std::string::npos) return true;
+        const char* q = strcasestr(member.c_str() + semicolon, "q=");
+        return q == nullptr || std::strtod(q + 2, nullptr) > 0;
+    }
+    return false;
+}
+
+bool NoneMatchHolds(const std::string& ifNoneMatch, const std::string& etag) {
+    for (const std::string& member : ListMembers(ifNoneMatch)) {
+        if (member == "*" || member == etag ||
+            (member.rfind("W/", 0) == 0 && member.substr(2) == etag)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<StaticFile> StaticFiles::Find(const std::string& path,
+                                            const FileConditions& conditions) const {
     if (!root_) return std::nullopt;
-    const auto names = Components(path);
+    auto names = Components(path);
     if (!names) return std::nullopt;
-    UniqueFd file = OpenBeneath(root_.Get(), *names);
-    if (!file) return std::nullopt;
-    std::optional<std::string> body = ReadRegularFile(file.Get());
+    std::optional<OpenFile> chosen = OpenRegular(root_.Get(), *names);
+    if (!chosen) return std::nullopt;
+    StaticFile file{200, ContentTypeOf(names->back()), "", {{"Vary", "Accept-Encoding"}}};
+    bool gzip = false;
+    if (TakesGzip(conditions.acceptEncoding)) {
+        names->back() += ".gz";
+        // A twin older than its file was left from an earlier version.
+        std::optional<OpenFile> twin = OpenRegular(root_.Get(), *names);
+        if (twin && !OlderThan(twin->info, chosen->info)) {
+            chosen = std::move(twin);
+            gzip = true;
+            file.headers.emplace_back("Content-Encoding", "gzip");
+        }
+    }
+    const std::string etag = ValidatorOf(chosen->info, gzip);
+    file.headers.emplace_back("ETag", etag);
+    if (NoneMatchHolds(conditions.ifNoneMatch, etag)) {
+        file.status = 304;
+        return file;
+    }
+    std::optional<std::string> body = ReadAll(*chosen);
     if (!body) return std::nullopt;
-    return StaticFile{200, ContentTypeOf(names->back()), std::move(*body)};
+    file.body = std::move(*body);
+    return file;
 }
 
 }  // namespace farlink::host

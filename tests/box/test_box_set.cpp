@@ -1,12 +1,17 @@
 // ORVO.Core.Farlink "set", versions 1 and 2, through the box's host: the
 // relay daemon really starts and stops, and every answer leaves the host
-// with its service ids. Runs inside a box.
+// with its service ids. Then the module's daemon-control helpers against the
+// box's real daemon program and settings file, called with the host's
+// credentials. Runs inside a box.
 #include <orvo/paths.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "box_fixture.h"
+#include "utils.h"
 
 namespace farlink_test {
 namespace {
@@ -53,22 +58,13 @@ TEST_P(SetTest, TrueStartsTheDaemonAndFalseStopsIt) {
     WaitUntil([&] { return traced("WARNING: setresuid(-1, 0, -1)") >= 8; });
     EXPECT_EQ(traced("WARNING: setresgid(-1, 0, -1)"), 4);
     EXPECT_EQ(traced("WARNING: setresuid(-1, 0, -1)"), 8);
-
-    // Numbers and null convert as booleans (null reads as false).
-    for (const auto& [enabled, running] : {std::pair{Json::Value(7), true},
-                                           {Json::Value(0), false},
-                                           {Json::Value(1), true},
-                                           {Json::Value(), false}}) {
-        EXPECT_EQ(Set(Params(enabled)), Answer(0)) << enabled.toStyledString();
-        EXPECT_EQ(DaemonRunning(), running) << enabled.toStyledString();
-    }
 }
 
 TEST_P(SetTest, MissingOrUnconvertibleEnabledIsInvalidAndChangesNothing) {
     ASSERT_EQ(Set(Params(true)), Answer(0));
     const auto pid = DaemonPid();
-    for (const char* params : {"{}", R"({"enabled": "no"})", R"({"enabled": {"enabled": false}})",
-                               R"({"enabled": [false]})"}) {
+    // Which values convert is the unit tests' (ParameterRules).
+    for (const char* params : {"{}", R"({"enabled": "no"})"}) {
         syslogMark_ = SyslogMark();
         EXPECT_EQ(Set(ParseJson(params)), Answer(2901)) << params;
         EXPECT_TRUE(LoggedError(Source(), "Invalid parameter"));
@@ -102,6 +98,76 @@ TEST_P(SetTest, AnExitStatusOfTheDaemonProgramIsNoFailure) {
 
 INSTANTIATE_TEST_SUITE_P(Versions, SetTest, ::testing::Values(1, 2),
                          [](const auto& info) { return "v" + std::to_string(info.param); });
+
+class UtilsTest : public BoxTest {
+protected:
+    bool IsEnabledWith(const std::string& statusOutput) {
+        Json::Value controls;
+        controls["status_output"] = statusOutput;
+        WriteDaemonEmulation(controls);
+        return AsHost([] { return OrvorelaydServiceIsEnabled(); });
+    }
+
+    bool FailoverWith(const std::string& hostInfo) {
+        WriteFile(ORVO::Paths::kHostInfo, hostInfo);
+        return AsHost([] { return IsFailoverEnable(); });
+    }
+
+    // Whether `message` reached the log from utils at error priority; a
+    // line that should be absent is given a short while to turn up.
+    bool Logged(const std::string& message, Milliseconds limit = Milliseconds(3000)) {
+        return LoggedError("utils", message, limit);
+    }
+    bool NotLogged(const std::string& message) { return !Logged(message, Milliseconds(200)); }
+};
+
+TEST_F(UtilsTest, OnlyTheBareWordOnFromARunnableProgramIsEnabled) {
+    EXPECT_TRUE(IsEnabledWith("on"));
+    for (const std::string& other :
+         std::vector<std::string>{"on\n", "on ", "off", std::string(40, 'o')})
+        EXPECT_FALSE(IsEnabledWith(other)) << other;
+    EXPECT_TRUE(NotLogged("Failed to read relay status ()"));
+    EXPECT_FALSE(IsEnabledWith(""));
+    EXPECT_TRUE(Logged("Failed to read relay status ()"));
+
+    // A program that cannot run: the daemon counts as not enabled.
+    ScopedUnrunnableProgram broken(ORVO::Paths::kRelaydProgram);
+    EXPECT_FALSE(AsHost([] { return OrvorelaydServiceIsEnabled(); }));
+    EXPECT_TRUE(Logged("OLIBCPopen failed(Permission denied)"));
+}
+
+TEST_F(UtilsTest, FailoverKeyIsTrustedWithoutAskingTheDaemon) {
+    // The daemon would answer the opposite: it must not be asked.
+    WriteDaemonEmulation(ParseJson(R"({"check_failover_value": "true"})"));
+    EXPECT_TRUE(FailoverWith("farlink_enable_failover=\"true\"\n"));
+    EXPECT_FALSE(FailoverWith("farlink_enable_failover=\"false\"\n"));
+    EXPECT_EQ(ReadFile(ORVO::Paths::kHostInfo), "farlink_enable_failover=\"false\"\n");
+    for (const char* odd : {"TRUE", "yes", "1", "true ", ""}) {
+        EXPECT_FALSE(FailoverWith(std::string("farlink_enable_failover=\"") + odd + "\"\n")) << odd;
+    }
+}
+
+TEST_F(UtilsTest, AbsentFailoverKeyIsAskedOfTheDaemonOnce) {
+    WriteDaemonEmulation(ParseJson(R"({"check_failover_value": "true"})"));
+    EXPECT_TRUE(FailoverWith("other=\"1\"\n"));
+    EXPECT_EQ(ReadFile(ORVO::Paths::kHostInfo), "other=\"1\"\nfarlink_enable_failover=\"true\"\n");
+
+    WriteDaemonEmulation(ParseJson(R"({"check_failover_value": "false"})"));
+    EXPECT_FALSE(FailoverWith(""));
+    EXPECT_TRUE(NotLogged("Fail to exec orvorelayd --check-failover"));
+}
+
+TEST_F(UtilsTest, FailoverCheckThatExitsNonZeroOrUnreadableSettingsMeanDisabled) {
+    WriteDaemonEmulation(ParseJson(R"({"check_failover_exit": 1})"));
+    EXPECT_FALSE(FailoverWith(""));
+    EXPECT_TRUE(Logged("Fail to exec orvorelayd --check-failover"));
+
+    WriteFile(ORVO::Paths::kHostInfo, "farlink_enable_failover=\"true\"\n");
+    ASSERT_EQ(chmod(ORVO::Paths::kHostInfo, 0600), 0);
+    EXPECT_FALSE(AsHost([] { return IsFailoverEnable(); }));
+    ASSERT_EQ(chmod(ORVO::Paths::kHostInfo, 0644), 0);
+    EXPECT_TRUE(Logged("Fail to get failover enable setting"));
+}
 
 }  // namespace
 }  // namespace farlink_test

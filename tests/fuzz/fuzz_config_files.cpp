@@ -59,21 +59,15 @@ bool UsableOrGone(const char* path) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    farlink_fuzz::EnterBox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
     const Reader& reader = kReaders[data[0] % (sizeof kReaders / sizeof kReaders[0])];
     const std::string content(reinterpret_cast<const char*>(data + 1), size - 1);
 
-    farlink_fuzz::RestoreBox();
+    FUZZ_CHECK(farlink_test::RestoreBox());
     WriteFile(reader.file, content);
-    const farlink_fuzz::HostCall call =
-        farlink_fuzz::CallAsHost(farlink_fuzz::Row(reader.api, reader.version, reader.method),
-                                 Json::Value(Json::objectValue));
+    farlink_fuzz::CallAsHost(farlink_fuzz::Row(reader.api, reader.version, reader.method),
+                             Json::Value(Json::objectValue));
     if (!Parses(content)) FUZZ_CHECK(UsableOrGone(reader.file));
     return 0;
 }

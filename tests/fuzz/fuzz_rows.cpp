@@ -20,11 +20,6 @@ std::vector<const ORVO::APITableEntry*> Rows() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    farlink_fuzz::EnterBox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::vector<const ORVO::APITableEntry*> rows = Rows();
     if (size == 0) return 0;
@@ -32,11 +27,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto collected = farlink::host::CollectParams(query, "", "", {});
     if (!collected.params) return 0;  // the host answers that itself
 
-    farlink_fuzz::RestoreBox();
-    const farlink_fuzz::HostCall call =
+    FUZZ_CHECK(farlink_test::RestoreBox());
+    const ORVO::APIResponse response =
         farlink_fuzz::CallAsHost(*rows[data[0] % rows.size()], collected.params->params);
-    if (!call.response.IsSuccess() && call.response.GetErrorCode() == kApiErrInvalidParam) {
-        FUZZ_CHECK(farlink_fuzz::ReadBoxState() == farlink_fuzz::InitialBoxState());
+    if (!response.IsSuccess() && response.GetErrorCode() == kApiErrInvalidParam) {
+        FUZZ_CHECK(farlink_test::ReadBoxState() == farlink_test::InitialBoxState());
     }
     return 0;
 }

@@ -2,16 +2,13 @@
 // (files, or directories of files), and fails when the harness left
 // descriptors or child processes behind. Built instead of libFuzzer's main
 // wherever the fuzz build is not, so that CTest replays the corpus with gcc.
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <sstream>
 #include <string>
+#include <utility>
 
 #include "fuzz_check.h"
 
@@ -21,41 +18,25 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Resources {
-    std::size_t descriptors = 0;
-    std::multiset<std::string> children;
+// Open descriptors, and every thread's children by pid.
+using Resources = std::pair<std::size_t, std::multiset<std::string>>;
 
-    bool operator==(const Resources& other) const {
-        return descriptors == other.descriptors && children == other.children;
-    }
-};
-
-std::size_t OpenDescriptors() {
-    std::size_t count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
-}
-
-// Every thread's children, by pid.
-std::multiset<std::string> ChildProcesses() {
-    std::multiset<std::string> children;
+Resources Measure() {
+    const fs::directory_iterator descriptors("/proc/self/fd");
+    Resources resources{
+        static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors))), {}};
     for (const auto& task : fs::directory_iterator("/proc/self/task")) {
         std::ifstream list(task.path() / "children");
-        for (std::string pid; list >> pid;) children.insert(pid);
+        for (std::string pid; list >> pid;) resources.second.insert(pid);
     }
-    return children;
+    return resources;
 }
 
-Resources Measure() { return {OpenDescriptors(), ChildProcesses()}; }
-
 std::string Describe(const Resources& resources) {
-    std::ostringstream text;
-    text << resources.descriptors << " descriptors, " << resources.children.size() << " children";
-    for (const std::string& pid : resources.children) text << " " << pid;
-    return text.str();
+    std::string text = std::to_string(resources.first) + " descriptors, " +
+                       std::to_string(resources.second.size()) + " children";
+    for (const std::string& pid : resources.second) text += " " + pid;
+    return text;
 }
 
 std::vector<fs::path> Inputs(int argc, char** argv) {
@@ -75,14 +56,16 @@ std::vector<fs::path> Inputs(int argc, char** argv) {
     return inputs;
 }
 
-bool Run(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        std::fprintf(stderr, "cannot read %s\n", path.c_str());
-        return false;
+bool RunAll(const std::vector<fs::path>& inputs) {
+    for (const fs::path& path : inputs) {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) {
+            std::fprintf(stderr, "cannot read %s\n", path.c_str());
+            return false;
+        }
+        const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
-    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
-    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     return true;
 }
 
@@ -98,13 +81,11 @@ int main(int argc, char** argv) {
     // Twice, measured between the passes: what a harness opens once for
     // good in the first pass (the system log's socket, a resolver) is not a
     // leak, what every input leaves behind shows in the second.
-    for (const fs::path& input : inputs)
-        if (!Run(input)) return 1;
+    if (!RunAll(inputs)) return 1;
     const Resources before = Measure();
-    for (const fs::path& input : inputs)
-        if (!Run(input)) return 1;
+    if (!RunAll(inputs)) return 1;
     const Resources after = Measure();
-    if (!(after == before)) {
+    if (after != before) {
         std::fprintf(stderr, "resources leaked: before %s; after %s\n", Describe(before).c_str(),
                      Describe(after).c_str());
         return 1;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -29,6 +30,11 @@ public:
         fs::create_directories(base_ / "outside");
         Write(root() / "index.html", "<p>page</p>");
         Write(root() / "app.js", "export {};");
+        // A gzip twin as the build makes it, and one older than its file.
+        Write(root() / "app.js.gz", "gzipped app");
+        Write(root() / "index.html.gz", "stale");
+        fs::last_write_time(root() / "index.html.gz",
+                            fs::last_write_time(root() / "index.html") - std::chrono::hours(1));
         Write(root() / "css" / "style.css", "body {}");
         Write(root() / ".hidden", "hidden");
         Write(base_ / "outside" / "secret.txt", "secret");
@@ -78,6 +84,39 @@ TEST(StaticFiles, ServesRegularFilesUnderTheRootByTheirType) {
     EXPECT_THROW(StaticFiles("/nonexistent/web"), StartupError);
 }
 
+std::string HeaderOf(const StaticFile& file, const std::string& name) {
+    for (const auto& [key, value] : file.headers) {
+        if (key == name) return value;
+    }
+    return "";
+}
+
+// A browser that takes gzip gets the twin, never a stale one; a copy the
+// browser holds is confirmed with 304 and no body.
+TEST(StaticFiles, GzipTwinsAndValidators) {
+    WebRoot web;
+    StaticFiles files(web.root());
+    const auto plain = files.Find("/app.js");
+    const auto zipped = files.Find("/app.js", {"deflate, gzip;q=0.8", ""});
+    ASSERT_TRUE(plain && zipped);
+    EXPECT_EQ(zipped->body, "gzipped app");
+    EXPECT_EQ(zipped->contentType, "text/javascript; charset=utf-8");
+    EXPECT_EQ(HeaderOf(*zipped, "Content-Encoding"), "gzip");
+    EXPECT_EQ(HeaderOf(*plain, "Content-Encoding"), "");
+    EXPECT_NE(HeaderOf(*plain, "ETag"), HeaderOf(*zipped, "ETag"));
+    EXPECT_EQ(files.Find("/", {"gzip", ""})->body, "<p>page</p>");
+    EXPECT_EQ(files.Find("/app.js", {"gzip;q=0, deflate", ""})->body, "export {};");
+
+    const std::string etag = HeaderOf(*zipped, "ETag");
+    for (const std::string& held : {etag, "\"other\", W/" + etag, std::string("*")}) {
+        const auto current = files.Find("/app.js", {"gzip", held});
+        EXPECT_EQ(current->status, 304) << held;
+        EXPECT_EQ(current->body, "") << held;
+    }
+    EXPECT_EQ(files.Find("/app.js", {"", etag})->status, 200);
+    EXPECT_EQ(files.Find("/app.js", {"gzip", "\"other\""})->status, 200);
+}
+
 TEST(StaticFiles, NothingOutsideTheRootNorAnythingButARegularFileIsFound) {
     WebRoot web;
     StaticFiles files(web.root());
@@ -97,6 +136,12 @@ TEST(StaticFiles, TheHostServesThePageWithoutASessionAndKeepsTheApi) {
     const auto page = farlink_test::Fetch("GET", host.BaseUrl() + "/");
     EXPECT_EQ(page.status, 200);
     EXPECT_EQ(page.body, "<p>page</p>");
+    // Kept by the browser and revalidated, unlike every API answer.
+    EXPECT_EQ(page.headers.at("cache-control"), "no-cache");
+    farlink_test::HttpRequest again;
+    again.url = host.BaseUrl() + "/";
+    again.headers = {"If-None-Match: " + page.headers.at("etag")};
+    EXPECT_EQ(farlink_test::Fetch(again).status, 304);
     farlink_test::HttpRequest rebound;
     rebound.url = host.BaseUrl() + "/";
     rebound.headers = {"Host: attacker.example"};

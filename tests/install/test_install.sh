@@ -44,6 +44,8 @@ install_packages() {
 start_host() {
     local module=$1 out=$work/host.out
     shift
+    # The shell opens the output in the background; the loop below reads it at once.
+    : >"$out"
     /usr/sbin/farlink-host --module "$module" --listen 127.0.0.1:0 --password pw \
         --access-log "$work/access.log" "$@" >"$out" 2>"$work/host.err" &
     host_pid=$!
@@ -56,7 +58,7 @@ start_host() {
     done
     [ -n "$url" ] || fail "host gave no address"
     curl -sf -c "$work/jar" -o "$work/login.json" -d account=admin -d passwd=pw \
-        "$url/webapi/auth.cgi" || fail "login"
+        "$url/webapi/auth.cgi" || { cat "$work/host.err"; fail "login to $url"; }
 }
 
 stop_host() {

@@ -4,9 +4,7 @@
 #include <orvo/paths.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -18,8 +16,6 @@
 
 #include "test_http.h"
 #include "test_processes.h"
-
-extern char** environ;
 
 namespace farlink_test {
 
@@ -35,8 +31,6 @@ std::string Env(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
 }
-
-std::string InitialCopy(const std::string& name) { return BoxRunDir() + "/initial/" + name; }
 
 std::string CompactJson(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
@@ -79,35 +73,23 @@ void PostControl(const std::string& path, const Json::Value& body) {
                                   << answer.body;
 }
 
-// real, effective and saved id of a "Uid:" or "Gid:" line of /proc/<pid>/status.
-std::vector<long> ProcessIds(pid_t pid, const std::string& key) {
-    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
-    std::vector<long> ids(3, -1);
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind(key, 0) == 0)
-            std::istringstream(line.substr(key.size())) >> ids[0] >> ids[1] >> ids[2];
-    return ids;
-}
-
 // The workers keep root only as their real and saved ids; the front has
 // none left.
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
-    const auto host = static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
-    const long uid = user->pw_uid, gid = user->pw_gid;
+    const pid_t host = HostPid();
+    // Real, effective, saved and file-system ids.
+    const std::string uid = std::to_string(user->pw_uid), gid = std::to_string(user->pw_gid);
     const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
     EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
     for (pid_t worker : workers) {
-        EXPECT_EQ(ProcessIds(worker, "Uid:"), (std::vector<long>{0, uid, 0}))
-            << "worker " << worker;
-        EXPECT_EQ(ProcessIds(worker, "Gid:"), (std::vector<long>{0, gid, 0}))
-            << "worker " << worker;
+        EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 " + uid + " 0 " + uid) << "worker " << worker;
+        EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 " + gid + " 0 " + gid) << "worker " << worker;
     }
-    for (pid_t front : ChildrenNamed(host, "farlink-front")) {
-        EXPECT_EQ(ProcessIds(front, "Uid:"), (std::vector<long>{uid, uid, uid}))
+    for (pid_t front : ChildrenNamed(host, "farlink-front"))
+        EXPECT_EQ(ProcStatus(front, "Uid:"), uid + " " + uid + " " + uid + " " + uid)
             << "front " << front;
-    }
 }
 
 // <PRI>Mmm dd hh:mm:ss ident[pid]: source:line message
@@ -122,8 +104,6 @@ SyslogLine ParseSyslogLine(const std::string& raw) {
 
 }  // namespace
 
-std::string BoxRunDir() { return Env("FARLINK_BOX_RUN_DIR"); }
-
 void BoxTest::SetUp() {
     ASSERT_FALSE(BoxRunDir().empty())
         << "BoxTest runs only inside the emulated box: start the program as "
@@ -131,16 +111,7 @@ void BoxTest::SetUp() {
     std::error_code ignored;
     // First: the controls a test left would shape the stop.
     fs::remove(kEmulationConf, ignored);
-    EXPECT_EQ(Relayd("off"), 0) << "cannot stop the relay daemon";
-    for (const auto& entry : fs::directory_iterator(ORVO::Paths::kRelaydConfDir, ignored))
-        fs::remove_all(entry.path(), ignored);
-    std::error_code error;
-    fs::copy(InitialCopy("orvorelayd"), ORVO::Paths::kRelaydConfDir, fs::copy_options::recursive,
-             error);
-    EXPECT_FALSE(error) << "restoring the relay configuration: " << error.message();
-    WriteFile(ORVO::Paths::kHostInfo, ReadFile(InitialCopy("orvoinfo.conf")));
-    WriteFile(kResolvConf, ReadFile(InitialCopy("resolv.conf")));
-    WriteFile(ORVO::Paths::kKivoAccount, ReadFile(InitialCopy("account.conf")));
+    EXPECT_TRUE(RestoreBox()) << "cannot put the box back as it started";
     for (const char* log : {ORVO::Paths::kKivoQueryLog, ORVO::Paths::kSystemdReloadLog,
                             ORVO::Paths::kCloudServiceLog})
         EXPECT_TRUE(truncate(log, 0) == 0 || errno == ENOENT) << "cannot empty " << log;
@@ -149,6 +120,10 @@ void BoxTest::SetUp() {
 }
 
 // --- the web API host -----------------------------------------------------------
+
+pid_t HostPid() {
+    return static_cast<pid_t>(std::atol(ReadFile(BoxRunDir() + "/host.pid").c_str()));
+}
 
 Json::Value BoxTest::Call(const std::string& api, int version, const std::string& method,
                           const Json::Value& params) {
@@ -244,25 +219,12 @@ bool BoxTest::DaemonRunning() {
            std::string::npos;
 }
 
-int BoxTest::Relayd(const std::string& command) {
-    std::string program = ORVO::Paths::kRelaydProgram, option = "--farlink", word = command;
-    char* args[] = {program.data(), option.data(), word.data(), nullptr};
-    pid_t pid = 0;
-    if (posix_spawn(&pid, args[0], nullptr, nullptr, args, environ) != 0) return -1;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // --- scoped changes -------------------------------------------------------------------
 
-ScopedDnsOutage::ScopedDnsOutage() : saved_(ReadFile(kResolvConf)) {
-    EXPECT_TRUE(WriteFile(kResolvConf, "nameserver " + Env("FARLINK_BOX_SILENT_NAMESERVER") +
-                                           "\noptions timeout:1 attempts:1\n"));
+void BoxTest::SilenceResolver() {
+    WriteFile(kResolvConf, "nameserver " + Env("FARLINK_BOX_SILENT_NAMESERVER") +
+                               "\noptions timeout:1 attempts:1\n");
 }
-
-ScopedDnsOutage::~ScopedDnsOutage() { EXPECT_TRUE(WriteFile(kResolvConf, saved_)); }
 
 ScopedUnrunnableProgram::ScopedUnrunnableProgram(std::string path) : path_(std::move(path)) {
     struct stat info {};
@@ -273,24 +235,6 @@ ScopedUnrunnableProgram::ScopedUnrunnableProgram(std::string path) : path_(std::
 
 ScopedUnrunnableProgram::~ScopedUnrunnableProgram() {
     EXPECT_EQ(chmod(path_.c_str(), static_cast<mode_t>(mode_)), 0) << path_;
-}
-
-ScopedServiceUser::ScopedServiceUser() {
-    const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
-    if (user == nullptr) {
-        ADD_FAILURE() << "no service user in the box";
-        return;
-    }
-    uid_ = user->pw_uid;
-    gid_ = user->pw_gid;
-    // Group first: once the user id is gone the group can no longer change.
-    EXPECT_EQ(setresgid(-1, gid_, -1), 0);
-    EXPECT_EQ(setresuid(-1, uid_, -1), 0);
-}
-
-ScopedServiceUser::~ScopedServiceUser() {
-    EXPECT_EQ(setresuid(-1, 0, -1), 0);
-    EXPECT_EQ(setresgid(-1, 0, -1), 0);
 }
 
 }  // namespace farlink_test

@@ -3,11 +3,9 @@
 // box's web API host, reads the box's system log and drives the emulated
 // platform's state files and the control server.
 //
-// SetUp puts the box back to its initial state before every test: the relay
-// daemon stopped, the relay configuration directory, /etc/orvoinfo.conf,
-// /etc/resolv.conf and the account as the box started, no emulation
-// controls, the control server reset, the platform's request logs empty, and
-// a fresh mark in the system log.
+// SetUp puts the box back to its initial state before every test (RestoreBox
+// of box_state.h), with no emulation controls, the control server reset, the
+// platform's request logs empty, and a fresh mark in the system log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "box_state.h"
 #include "test_json.h"
 
 namespace farlink_test {
@@ -39,23 +38,8 @@ struct SyslogLine {
 // or {"success": false, "error": {"code": code}}.
 Json::Value Answer(int code, const Json::Value& data = Json::Value());
 
-// While it lives, this process's effective ids are the box's service user's
-// while its real and saved ids stay root: the credentials the host runs the
-// module with. Leaving it restores root.
-class ScopedServiceUser {
-public:
-    ScopedServiceUser();
-    ~ScopedServiceUser();
-    ScopedServiceUser(const ScopedServiceUser&) = delete;
-    ScopedServiceUser& operator=(const ScopedServiceUser&) = delete;
-
-    uid_t Uid() const { return uid_; }
-    gid_t Gid() const { return gid_; }
-
-private:
-    uid_t uid_ = 0;
-    gid_t gid_ = 0;
-};
+// The pid the box's host was started as (its supervisor).
+pid_t HostPid();
 
 class BoxTest : public ::testing::Test {
 protected:
@@ -128,25 +112,11 @@ protected:
     static auto KivoQueries() { return ReadLines(ORVO::Paths::kKivoQueryLog); }
     static auto SystemdReloads() { return ReadLines(ORVO::Paths::kSystemdReloadLog); }
     static auto CloudServiceActions() { return ReadLines(ORVO::Paths::kCloudServiceLog); }
-
-    // Runs the box's `orvorelayd --farlink <command>` ("on", "off") and
-    // returns its exit status (-1 if it could not be run or was killed).
-    static int Relayd(const std::string& command);
+    // Until the next SetUp, the box's resolver asks a name server that takes
+    // queries and never answers.
+    static void SilenceResolver();
 
     std::uintmax_t syslogMark_ = 0;
-};
-
-// While it lives, the box's resolver points at a name server that takes
-// queries and never answers; /etc/resolv.conf is rewritten in place.
-class ScopedDnsOutage {
-public:
-    ScopedDnsOutage();
-    ~ScopedDnsOutage();
-    ScopedDnsOutage(const ScopedDnsOutage&) = delete;
-    ScopedDnsOutage& operator=(const ScopedDnsOutage&) = delete;
-
-private:
-    std::string saved_;
 };
 
 // While it lives, `path` exists but cannot be executed (its mode is 0644),
@@ -162,8 +132,5 @@ private:
     std::string path_;
     unsigned mode_ = 0;
 };
-
-// Where the box keeps its run directory; empty outside a box.
-std::string BoxRunDir();
 
 }  // namespace farlink_test
