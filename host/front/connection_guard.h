@@ -53,8 +53,11 @@ public:
     ConnectionGuard& operator=(const ConnectionGuard&) = delete;
 
     // A request has arrived whole on its connection / its answer is sent.
+    // Both make the guard the one told when the connection ends; whoever
+    // takes that over meanwhile passes it on with Closing.
     void RequestArrived(evhttp_request* request);
     void Answered(evhttp_request* request);
+    void Closing(evhttp_connection* connection);
 
     // For an orderly stop: no new connections.
     void StopAccepting();
@@ -69,6 +72,9 @@ private:
         bool cut = false;
         bool noDelay = false;  // TCP_NODELAY is set
         std::string address;   // empty until learnt
+        // Known from its first request on; until then its end is seen only
+        // by looking.
+        evhttp_connection* engine = nullptr;
     };
     struct EventDeleter {
         void operator()(event* ev) const { event_free(ev); }
@@ -77,14 +83,18 @@ private:
     static bufferevent* OnNewConnection(event_base* base, void* self);
     static void OnAcceptError(evconnlistener* listener, void* self);
     static void OnSweep(evutil_socket_t, short, void* self);
+    static void OnClosed(evhttp_connection* connection, void* self);
     static void OnResume(evutil_socket_t, short, void* self);
 
     Connection* Find(evhttp_request* request);
+    Connection* Watch(evhttp_request* request);
     void Sweep();
+    void ScheduleNextSweep(Clock::time_point now);
     bool Released(bufferevent* bev, Connection& connection);
     // True when it cut the connection.
     bool Check(bufferevent* bev, Connection& connection, Clock::time_point now);
-    void ScheduleSweep(std::chrono::milliseconds delay);
+    void ScheduleSweep(Clock::time_point due);
+    static bool EngineHolds(bufferevent* bev);
     static void Cut(bufferevent* bev, Connection& connection);
     void UpdateAccepting();
 

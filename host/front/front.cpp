@@ -166,16 +166,16 @@ private:
 
     // The client closed its connection before its answer. A queued request
     // is dropped; a running one finishes and its answer is discarded.
-    static void OnClientGone(evhttp_connection*, void* context) {
+    static void OnClientGone(evhttp_connection* connection, void* context) {
         auto& pending = *static_cast<PendingCall*>(context);
+        static_cast<Front*>(pending.owner)->guard_->Closing(connection);
         pending.request = nullptr;
         if (!pending.running) static_cast<Front*>(pending.owner)->pool_->DropQueued(pending);
     }
 
     // Every answer the front makes leaves through here.
     void Send(evhttp_request* request, const HttpReply& reply) {
-        evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
-        guard_->Answered(request);
+        guard_->Answered(request);  // and watches the connection's end again
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
         evhttp_add_header(headers, "Content-Type", reply.contentType.c_str());
         for (const HeaderList& list :
@@ -242,6 +242,13 @@ private:
         message.kind = ControlKind::kKillWorker;
         message.worker = id;
         message.pid = pid;
+        if (!SendControl(control_.Get(), message)) FailFront("lost the supervisor");
+    }
+
+    void WantWorkers(unsigned count) override {
+        ControlMessage message;
+        message.kind = ControlKind::kWantWorkers;
+        message.wanted = count;
         if (!SendControl(control_.Get(), message)) FailFront("lost the supervisor");
     }
 

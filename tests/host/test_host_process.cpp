@@ -82,7 +82,8 @@ TEST(HostStartup, RefusesToStartWithoutRoot) {
 // service user's effective ids and takes back a handler's left-over root.
 TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsRestored) {
     const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2"}));
+    HostProcess host(
+        Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2", "--min-workers", "2"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     EXPECT_EQ(ProcStatus(host.Pid(), "Uid:"), "0 0 0 0");
     const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
@@ -129,8 +130,8 @@ TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
     const char* asan = std::getenv("ASAN_OPTIONS");
     setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":handle_segv=0").c_str(), 1);
     const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH,
-                             {"--access-log", log, "--workers", "2", "--handler-timeout", "1"}));
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2",
+                                                "--min-workers", "2", "--handler-timeout", "1"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     const std::vector<std::pair<std::string, std::string>> cases = {{"crash", "error=110,SIGSEGV"},
                                                                     {"abort", "error=110,SIGABRT"},
@@ -191,6 +192,23 @@ TEST(HostScheduling, ExclusiveMethodsRunOneAtATimeAndAFullQueueIsBusy) {
     EXPECT_EQ(queued.get().body, R"({"success":true})");
     unlink(counter.c_str());
     unlink(started.c_str());
+}
+
+// One worker waits while nothing happens; calls that would wait get workers
+// of their own, up to --workers, and those idle past their time end again.
+TEST(HostScheduling, WorkersStartUnderLoadAndIdleOnesEnd) {
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "3", "--worker-idle-timeout", "1"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const auto workers = [&] { return ChildrenNamed(host.Pid(), "farlink-worker").size(); };
+    EXPECT_EQ(workers(), 1u);
+    std::vector<std::future<HttpResult>> calls;
+    for (int call = 0; call < 3; ++call) {
+        calls.push_back(std::async(std::launch::async, [&] { return LoggedInCall(host, "slow"); }));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return workers() == 3; })) << workers();
+    for (auto& call : calls) EXPECT_EQ(call.get().body, R"({"success":true})");
+    EXPECT_TRUE(WaitUntil([&] { return workers() == 1; })) << workers();
+    EXPECT_EQ(LoggedInCall(host, "succeed_empty").body, R"({"success":true})");
 }
 
 // What the service manager hears on NOTIFY_SOCKET: READY=1 only from a host
