@@ -7,6 +7,9 @@
 //   farlink_floors --lookup NAME ROUNDS
 //   farlink_floors --run NAME ROUNDS PROGRAM [ARG...]   (a program run as the
 //                                                      spawn floor's child is)
+//   farlink_floors --relay URL ROUNDS                   (the relay library's
+//                                                      exchange, as the module
+//                                                      makes it)
 #include <curl/curl.h>
 #include <farlink/file_io.h>
 #include <farlink/unique_fd.h>
@@ -14,6 +17,9 @@
 #include <json/reader.h>
 #include <json/value.h>
 #include <netdb.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <orvo/relayd.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,22 +69,75 @@ bool SpawnAndRead(char* const argv[]) {
 
 size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
 
-// One POST with a fresh handle: name lookup, connection, for https the TLS
-// handshake with certificate checks against the system store, request and
-// answer.
-bool Exchange(const std::string& url) {
-    const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-    if (!curl) return false;
-    static const char body[] = R"({"version":1,"command":"get_register_site"})";
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, Discard);
-    const CURLcode code = curl_easy_perform(curl.get());
-    curl_slist_free_all(headers);
-    return code == CURLE_OK;
+struct CurlGlobal {
+    CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+    ~CurlGlobal() { curl_global_cleanup(); }
+    CurlGlobal(const CurlGlobal&) = delete;
+    CurlGlobal& operator=(const CurlGlobal&) = delete;
+};
+
+// The system's trust store, parsed once: libcurl would read and parse the
+// whole CA bundle for every connection, which costs more than the
+// handshake, and this libcurl caches it only when no CA directory is set.
+X509_STORE* SystemTrustStore(CURL* probe) {
+    static const std::unique_ptr<X509_STORE, void (*)(X509_STORE*)> store = [probe] {
+        std::unique_ptr<X509_STORE, void (*)(X509_STORE*)> loaded(X509_STORE_new(),
+                                                                  X509_STORE_free);
+        const char* bundle = nullptr;
+        const char* directory = nullptr;
+        curl_easy_getinfo(probe, CURLINFO_CAINFO, &bundle);
+        curl_easy_getinfo(probe, CURLINFO_CAPATH, &directory);
+        if (!loaded || bundle == nullptr || X509_STORE_load_file(loaded.get(), bundle) != 1 ||
+            (directory != nullptr && X509_STORE_load_path(loaded.get(), directory) != 1)) {
+            loaded.reset();
+        }
+        return loaded;
+    }();
+    return store.get();
+}
+
+CURLcode InstallStore(CURL*, void* context, void* store) {
+    SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), static_cast<X509_STORE*>(store));
+    return CURLE_OK;
+}
+
+// One POST on a new connection: name lookup, connection, for https a full
+// TLS handshake with certificate checks against the system store (parsed
+// once, as a client that makes many exchanges keeps it), request and answer.
+class Exchange {
+public:
+    explicit Exchange(std::string url) : url_(std::move(url)) {
+        curl_easy_setopt(curl_.get(), CURLOPT_URL, url_.c_str());
+        curl_easy_setopt(curl_.get(), CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl_.get(), CURLOPT_HTTPHEADER, headers_.get());
+        curl_easy_setopt(curl_.get(), CURLOPT_POSTFIELDS, kBody);
+        curl_easy_setopt(curl_.get(), CURLOPT_WRITEFUNCTION, Discard);
+        curl_easy_setopt(curl_.get(), CURLOPT_FRESH_CONNECT, 1L);
+        curl_easy_setopt(curl_.get(), CURLOPT_FORBID_REUSE, 1L);
+        curl_easy_setopt(curl_.get(), CURLOPT_SSL_SESSIONID_CACHE, 0L);
+        curl_easy_setopt(curl_.get(), CURLOPT_DNS_CACHE_TIMEOUT, 0L);
+        if (X509_STORE* store = SystemTrustStore(curl_.get())) {
+            curl_easy_setopt(curl_.get(), CURLOPT_SSL_CTX_FUNCTION, InstallStore);
+            curl_easy_setopt(curl_.get(), CURLOPT_SSL_CTX_DATA, store);
+            curl_easy_setopt(curl_.get(), CURLOPT_CAINFO, nullptr);
+            curl_easy_setopt(curl_.get(), CURLOPT_CAPATH, nullptr);
+        }
+    }
+    bool operator()() const { return curl_ && curl_easy_perform(curl_.get()) == CURLE_OK; }
+
+private:
+    static constexpr char kBody[] = R"({"version":1,"command":"get_register_site"})";
+    std::string url_;
+    std::unique_ptr<CURL, void (*)(CURL*)> curl_{curl_easy_init(), curl_easy_cleanup};
+    std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers_{
+        curl_slist_append(nullptr, "Content-Type: application/json"), curl_slist_free_all};
+};
+
+// The relay library's own exchange, as the module makes it (a GET, which
+// any web server answers).
+bool RelayExchange(const std::string& url) {
+    ORVO::Relay::Request request(url, Json::Value(Json::objectValue), false);
+    return request.Send();
 }
 
 bool ReadConfiguration(const std::string& path) {
@@ -141,23 +200,31 @@ int main(int argc, char** argv) {
                    ? 0
                    : 1;
     }
+    if (argc == 4 && std::strcmp(argv[1], "--relay") == 0 && std::atoi(argv[3]) > 0) {
+        const std::string url = argv[2];
+        const CurlGlobal curlGlobal;
+        return Measure({"relay", [&url] { return RelayExchange(url); }}, std::atoi(argv[3])) ? 0
+                                                                                             : 1;
+    }
     if (argc != 7 || std::atoi(argv[6]) < 1) {
         std::fprintf(
             stderr,
             "usage: farlink_floors WORD_PROGRAM CONF_FILE HTTPS_URL HTTP_URL SCRATCH_DIR ROUNDS\n"
             "       farlink_floors --lookup NAME ROUNDS\n"
-            "       farlink_floors --run NAME ROUNDS PROGRAM [ARG...]\n");
+            "       farlink_floors --run NAME ROUNDS PROGRAM [ARG...]\n"
+            "       farlink_floors --relay URL ROUNDS\n");
         return 2;
     }
     char* const word[] = {argv[1], nullptr};
     const std::string conf = argv[2], httpsUrl = argv[3], httpUrl = argv[4];
     const std::string scratch = std::string(argv[5]) + "/floor.conf";
     const int rounds = std::atoi(argv[6]);
-    curl_global_init(CURL_GLOBAL_DEFAULT);
+    const CurlGlobal curlGlobal;
+    const Exchange https(httpsUrl), http(httpUrl);
     const Floor asRoot[] = {
         {"spawn", [&] { return SpawnAndRead(word); }},
-        {"https", [&] { return Exchange(httpsUrl); }},
-        {"http", [&] { return Exchange(httpUrl); }},
+        {"https", [&] { return https(); }},
+        {"http", [&] { return http(); }},
         {"read", [&] { return ReadConfiguration(conf); }},
         {"write", [&] { return WriteConfiguration(scratch); }},
     };
@@ -167,6 +234,5 @@ int main(int argc, char** argv) {
     if (setresgid(-1, kNobody, -1) != 0 || setresuid(-1, kNobody, -1) != 0) return 1;
     ok = Measure({"section", PrivilegedSection}, rounds) && ok;
     unlink(scratch.c_str());
-    curl_global_cleanup();
     return ok ? 0 : 1;
 }

@@ -7,7 +7,8 @@
 # Floors (farlink_floors, at the start and at the end of the run, averaged):
 # a program run (posix_spawn of a program that prints one word, its output
 # read, the wait), an HTTPS exchange (one POST to the control server through
-# libcurl with a fresh handle, handshake included; and one over plain HTTP),
+# libcurl on a new connection: name lookup, a full handshake against a trust
+# store parsed once, the exchange; and one over plain HTTP),
 # a file read (a relay configuration read and parsed), a file write (written
 # whole, flushed and renamed into place), a privileged section (the module's
 # own, with its trace lines) and a name lookup (A and AAAA through the box's

@@ -72,7 +72,7 @@ void SendAnswer(evhttp_request* request, int status, const std::string& body) {
 
 // Opens a listening TCP socket. IPv6 sockets are IPv6-only, so that the
 // same port can also be bound on an IPv4 address. Accepted connections
-// inherit TCP_NODELAY: a TLS handshake flight or an answer is written as
+// inherit the listener's TCP_NODELAY: a TLS handshake flight or an answer is written as
 // several small records, and with Nagle's algorithm each later one waited
 // for the client's delayed acknowledgement (40 ms a time).
 UniqueFd OpenListener(const std::string& address, int port, int& boundPort, std::string& error) {
@@ -91,6 +91,7 @@ UniqueFd OpenListener(const std::string& address, int port, int& boundPort, std:
     UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
     if (fd.Get() < 0 || setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0 ||
         (found->ai_family == AF_INET6 &&
          setsockopt(fd.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) ||
         bind(fd.Get(), found->ai_addr, found->ai_addrlen) != 0 ||

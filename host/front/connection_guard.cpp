@@ -20,11 +20,17 @@ namespace farlink::host {
 
 namespace {
 
-// How often connections are checked against their deadlines and addresses;
-// soon after connections arrive or are cut, so that a burst is shed (and its
-// descriptors given back) in a few milliseconds rather than in steps.
+// Connections are checked against their addresses and deadlines when
+// something happens to them: soon after connections arrive or are cut, so
+// that a burst is shed (and its descriptors given back) in a few
+// milliseconds rather than in steps; at once when one ends; at the next
+// deadline. Only a connection whose end the engine does not report (one
+// without a request yet) is looked at every interval. No connection, no
+// timer: an idle front sleeps.
 constexpr std::chrono::milliseconds kSweepInterval{100};
 constexpr std::chrono::milliseconds kBusySweepInterval{2};
+// A deadline's sweep comes this much after it, so that it is past.
+constexpr std::chrono::milliseconds kDeadlineMargin{1};
 // How long accepting pauses after a failed accept (out of descriptors).
 constexpr std::chrono::milliseconds kAcceptPause{250};
 // A failing accept is reported at most this often.
@@ -84,13 +90,17 @@ ConnectionGuard::ConnectionGuard(event_base* base, evhttp* http, UniqueFd listen
     }
     evconnlistener_set_error_cb(listener_, &ConnectionGuard::OnAcceptError);
     evhttp_set_bevcb(http_, &ConnectionGuard::OnNewConnection, this);
-    ScheduleSweep(kSweepInterval);
 }
 
 ConnectionGuard::~ConnectionGuard() {
     evhttp_set_bevcb(http_, nullptr, nullptr);
-    // The engine still owns the open ones and frees them itself.
-    for (auto& [bev, connection] : connections_) bufferevent_decref(bev);
+    // The engine still owns the open ones and frees them itself, later.
+    for (auto& [bev, connection] : connections_) {
+        if (connection.engine != nullptr && EngineHolds(bev)) {
+            evhttp_connection_set_closecb(connection.engine, nullptr, nullptr);
+        }
+        bufferevent_decref(bev);
+    }
 }
 
 // The engine's hook for each accepted connection, before it has its socket.
@@ -105,7 +115,7 @@ bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     connection.deadline = Clock::now() + guard.limits_.headerTimeout;
     if (!guard.limits_.proxyPeers.empty()) guard.AwaitProxyHeader(bev, connection);
     guard.UpdateAccepting();
-    guard.ScheduleSweep(kBusySweepInterval);
+    guard.ScheduleSweep(Clock::now() + kBusySweepInterval);
     return bev;
 }
 
@@ -205,7 +215,7 @@ ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
 // record); with Nagle's algorithm the later ones wait for the client's
 // delayed acknowledgement, some 40 ms per answer on a kept-alive connection.
 void ConnectionGuard::RequestArrived(evhttp_request* request) {
-    Connection* connection = Find(request);
+    Connection* connection = Watch(request);
     if (connection == nullptr) return;
     connection->busy = true;
     if (!connection->noDelay) {
@@ -217,10 +227,30 @@ void ConnectionGuard::RequestArrived(evhttp_request* request) {
 }
 
 void ConnectionGuard::Answered(evhttp_request* request) {
-    if (Connection* connection = Find(request)) {
+    if (Connection* connection = Watch(request)) {
         connection->busy = false;
         connection->deadline = Clock::now() + limits_.keepAliveTimeout;
+        ScheduleSweep(connection->deadline + kDeadlineMargin);
     }
+}
+
+ConnectionGuard::Connection* ConnectionGuard::Watch(evhttp_request* request) {
+    Connection* connection = Find(request);
+    if (connection == nullptr) return nullptr;
+    connection->engine = evhttp_request_get_connection(request);
+    evhttp_connection_set_closecb(connection->engine, &ConnectionGuard::OnClosed, this);
+    return connection;
+}
+
+void ConnectionGuard::OnClosed(evhttp_connection* connection, void* self) {
+    static_cast<ConnectionGuard*>(self)->Closing(connection);
+}
+
+// The engine is about to free the connection; the sweep right after sees
+// it gone.
+void ConnectionGuard::Closing(evhttp_connection* connection) {
+    if (closingListener_) closingListener_(connection);
+    ScheduleSweep(Clock::now());
 }
 
 void ConnectionGuard::StopAccepting() {
@@ -266,12 +296,23 @@ void ConnectionGuard::OnSweep(evutil_socket_t, short, void* self) {
     static_cast<ConnectionGuard*>(self)->Sweep();
 }
 
-void ConnectionGuard::ScheduleSweep(std::chrono::milliseconds delay) {
-    const Clock::time_point due = Clock::now() + delay;
+void ConnectionGuard::ScheduleSweep(Clock::time_point due) {
     if (event_pending(sweepTimer_.get(), EV_TIMEOUT, nullptr) && nextSweep_ <= due) return;
     nextSweep_ = due;
-    const timeval wait = ToTimeval(delay);
+    const auto delay = std::max<Clock::duration>(due - Clock::now(), {});
+    const timeval wait = ToTimeval(std::chrono::ceil<std::chrono::milliseconds>(delay));
     event_add(sweepTimer_.get(), &wait);
+}
+
+void ConnectionGuard::ScheduleNextSweep(Clock::time_point now) {
+    evtimer_del(sweepTimer_.get());
+    for (const auto& [bev, connection] : connections_) {
+        if (connection.engine == nullptr) {
+            ScheduleSweep(now + kSweepInterval);
+        } else if (!connection.busy && !connection.cut) {
+            ScheduleSweep(connection.deadline + kDeadlineMargin);
+        }
+    }
 }
 
 void ConnectionGuard::Sweep() {
@@ -287,15 +328,20 @@ void ConnectionGuard::Sweep() {
         ++it;
     }
     UpdateAccepting();
-    ScheduleSweep(changed ? kBusySweepInterval : kSweepInterval);
+    ScheduleNextSweep(now);
+    if (changed) ScheduleSweep(now + kBusySweepInterval);
 }
 
 // The engine frees a connection's buffer event by clearing its callbacks and
 // dropping its reference; ours is then the last.
-bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
+bool ConnectionGuard::EngineHolds(bufferevent* bev) {
     bufferevent_event_cb eventCallback = nullptr;
     bufferevent_getcb(bev, nullptr, nullptr, &eventCallback, nullptr);
-    if (eventCallback != nullptr) return false;
+    return eventCallback != nullptr;
+}
+
+bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
+    if (EngineHolds(bev)) return false;
     connection.proxy.reset();
     if (connection.counted) {
         auto count = perAddress_.find(connection.address);

@@ -30,6 +30,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -62,8 +63,15 @@ public:
     ConnectionGuard& operator=(const ConnectionGuard&) = delete;
 
     // A request has arrived whole on its connection / its answer is sent.
+    // Both make the guard the one told when the connection ends; whoever
+    // takes that over meanwhile passes it on with Closing.
     void RequestArrived(evhttp_request* request);
     void Answered(evhttp_request* request);
+    void Closing(evhttp_connection* connection);
+    // Told of every connection the engine is about to free.
+    void OnClosing(std::function<void(evhttp_connection*)> listener) {
+        closingListener_ = std::move(listener);
+    }
 
     // For an orderly stop: no new connections.
     void StopAccepting();
@@ -92,6 +100,9 @@ private:
         std::string address;               // empty until learnt
         std::string proxiedClient;         // "ADDR:PORT" a proxy named
         std::unique_ptr<ProxyWait> proxy;  // until its header is read
+        // Known from its first request on; until then its end is seen only
+        // by looking.
+        evhttp_connection* engine = nullptr;
     };
 
     static bufferevent* OnNewConnection(event_base* base, void* self);
@@ -102,14 +113,18 @@ private:
     void EndProxyWait(Connection& connection);
     static void OnAcceptError(evconnlistener* listener, void* self);
     static void OnSweep(evutil_socket_t, short, void* self);
+    static void OnClosed(evhttp_connection* connection, void* self);
     static void OnResume(evutil_socket_t, short, void* self);
 
     Connection* Find(evhttp_request* request);
+    Connection* Watch(evhttp_request* request);
     void Sweep();
+    void ScheduleNextSweep(Clock::time_point now);
     bool Released(bufferevent* bev, Connection& connection);
     // True when it cut the connection.
     bool Check(bufferevent* bev, Connection& connection, Clock::time_point now);
-    void ScheduleSweep(std::chrono::milliseconds delay);
+    void ScheduleSweep(Clock::time_point due);
+    static bool EngineHolds(bufferevent* bev);
     static void Cut(bufferevent* bev, Connection& connection);
     void UpdateAccepting();
 
@@ -119,12 +134,13 @@ private:
     SSL_CTX* tls_;
     evconnlistener* listener_ = nullptr;  // owned by http_ through bound_
     evhttp_bound_socket* bound_ = nullptr;
-    std::unique_ptr<event, EventDeleter> sweepTimer_;
-    std::unique_ptr<event, EventDeleter> resumeTimer_;
+    EventPtr sweepTimer_;
+    EventPtr resumeTimer_;
     std::unordered_map<bufferevent*, Connection> connections_;
     std::map<std::string, std::size_t> perAddress_;
     bool stopped_ = false;
     bool untrustedHeaderLogged_ = false;
+    std::function<void(evhttp_connection*)> closingListener_;
     bool paused_ = false;  // accept failed; waiting a moment
     bool full_ = false;    // at the cap
     unsigned long acceptFailures_ = 0;

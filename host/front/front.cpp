@@ -17,6 +17,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <tuple>
 
 #include "channel.h"
@@ -80,6 +81,7 @@ public:
         guard_ =
             std::make_unique<ConnectionGuard>(base_.get(), http_.get(), std::move(setup.listener),
                                               ConnectionLimitsOf(options_), tls_.get());
+        guard_->OnClosing([this](evhttp_connection* connection) { ReplyEnded(connection); });
         for (WorkerLink& link : setup.workers) pool_->Add(std::move(link));
     }
 
@@ -179,17 +181,16 @@ private:
 
     // The client closed its connection before its answer. A queued request
     // is dropped; a running one finishes and its answer is discarded.
-    static void OnClientGone(evhttp_connection*, void* context) {
+    static void OnClientGone(evhttp_connection* connection, void* context) {
         auto& pending = *static_cast<PendingCall*>(context);
+        static_cast<Front*>(pending.owner)->guard_->Closing(connection);
         pending.request = nullptr;
         if (!pending.running) static_cast<Front*>(pending.owner)->pool_->DropQueued(pending);
     }
 
     // Every answer the front makes leaves through here.
     void Send(evhttp_request* request, const HttpReply& reply) {
-        evhttp_connection_set_closecb(evhttp_request_get_connection(request), &Front::OnReplyLost,
-                                      this);
-        guard_->Answered(request);
+        guard_->Answered(request);  // and watches the connection's end again
         evkeyvalq* headers = evhttp_request_get_output_headers(request);
         evhttp_add_header(headers, "Content-Type", reply.contentType.c_str());
         for (const HeaderList& list :
@@ -201,7 +202,7 @@ private:
         if (draining_) evhttp_add_header(headers, "Connection", "close");
         evbuffer* body = evhttp_request_get_output_buffer(request);
         evbuffer_add(body, reply.body.data(), reply.body.size());
-        ++repliesInFlight_;
+        replying_.insert(evhttp_request_get_connection(request));
         evhttp_request_set_on_complete_cb(request, &Front::OnReplyWritten, this);
         evhttp_send_reply(request, reply.status, nullptr, nullptr);
     }
@@ -224,14 +225,10 @@ private:
     // A reply ends either written or with its connection (a client that
     // resets while its answers are written); the engine tells only one.
     static void OnReplyWritten(evhttp_request* request, void* self) {
-        evhttp_connection_set_closecb(evhttp_request_get_connection(request), nullptr, nullptr);
-        static_cast<Front*>(self)->ReplyEnded();
+        static_cast<Front*>(self)->ReplyEnded(evhttp_request_get_connection(request));
     }
-    static void OnReplyLost(evhttp_connection*, void* self) {
-        static_cast<Front*>(self)->ReplyEnded();
-    }
-    void ReplyEnded() {
-        --repliesInFlight_;
+    void ReplyEnded(evhttp_connection* connection) {
+        if (replying_.erase(connection) == 0) return;
         StopIfDrained();
     }
 
@@ -262,6 +259,13 @@ private:
         message.kind = ControlKind::kKillWorker;
         message.worker = id;
         message.pid = pid;
+        if (!SendControl(control_.Get(), message)) FailFront("lost the supervisor");
+    }
+
+    void WantWorkers(unsigned count) override {
+        ControlMessage message;
+        message.kind = ControlKind::kWantWorkers;
+        message.wanted = count;
         if (!SendControl(control_.Get(), message)) FailFront("lost the supervisor");
     }
 
@@ -296,7 +300,7 @@ private:
     }
 
     void StopIfDrained() {
-        if (draining_ && pending_.empty() && repliesInFlight_ == 0) {
+        if (draining_ && pending_.empty() && replying_.empty()) {
             event_base_loopbreak(base_.get());
         }
     }
@@ -332,7 +336,7 @@ private:
     std::unique_ptr<WorkerPool> pool_;        // its events before base_ goes
     std::list<std::unique_ptr<PendingCall>> pending_;
     bool draining_ = false;
-    int repliesInFlight_ = 0;
+    std::set<evhttp_connection*> replying_;  // a reply is being written on each
     int exitCode_ = EXIT_SUCCESS;
 };
 

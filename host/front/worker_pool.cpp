@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "channel.h"
 #include "control.h"
@@ -29,6 +30,16 @@ Router::Answer HostFailure(int status, HostError error, const std::string& call,
     return answer;
 }
 
+WorkerPool::WorkerPool(event_base* base, const Options& options, HostMetrics& metrics, Owner& owner)
+    : base_(base),
+      options_(options),
+      metrics_(metrics),
+      owner_(owner),
+      wanted_(options.minWorkers),
+      retireTimer_(evtimer_new(base, &WorkerPool::OnRetire, this)) {
+    if (!retireTimer_) FailFront("cannot set up libevent");
+}
+
 void WorkerPool::Add(WorkerLink link) {
     auto worker = std::make_unique<Worker>();
     worker->pool = this;
@@ -40,6 +51,7 @@ void WorkerPool::Add(WorkerLink link) {
     worker->deadline.reset(evtimer_new(base_, &WorkerPool::OnDeadline, worker.get()));
     if (!worker->readable || !worker->deadline) FailFront("cannot watch a worker");
     event_add(worker->readable.get(), nullptr);
+    worker->idleSince = std::chrono::steady_clock::now();
     workers_[link.id] = std::move(worker);
     metrics_.CountWorkerStart();
     Pump();
@@ -67,6 +79,11 @@ WorkerPool::Worker* WorkerPool::IdleWorker() {
     return nullptr;
 }
 
+std::size_t WorkerPool::Alive() const {
+    return static_cast<std::size_t>(std::count_if(
+        workers_.begin(), workers_.end(), [](const auto& entry) { return !entry.second->killed; }));
+}
+
 // Starts what can start: queued requests in arrival order, each exclusive
 // one only while no other exclusive one runs.
 void WorkerPool::Pump() {
@@ -77,10 +94,67 @@ void WorkerPool::Pump() {
             continue;
         }
         Worker* worker = IdleWorker();
-        if (worker == nullptr) return;
+        if (worker == nullptr) break;
         it = queue_.erase(it);
         Dispatch(*worker, pending);
     }
+    AskForWorkers();
+    ScheduleRetirement();
+}
+
+// One worker for every call that runs or waits, within --workers. Only a
+// rise is told at once; fewer are wanted when idle ones are let go.
+void WorkerPool::AskForWorkers() {
+    const std::size_t running = static_cast<std::size_t>(
+        std::count_if(workers_.begin(), workers_.end(), [](const auto& entry) {
+            return entry.second->running != nullptr && !entry.second->killed;
+        }));
+    const auto demand =
+        static_cast<unsigned>(std::min<std::size_t>(running + queue_.size(), options_.workers));
+    if (demand <= wanted_) return;
+    wanted_ = demand;
+    owner_.WantWorkers(wanted_);
+}
+
+// Arms the timer for the worker that has idled longest, while there are
+// more than the minimum; otherwise nothing is armed and the front sleeps.
+void WorkerPool::ScheduleRetirement() {
+    evtimer_del(retireTimer_.get());
+    if (Alive() <= options_.minWorkers) return;
+    std::optional<std::chrono::steady_clock::time_point> oldest;
+    for (const auto& [id, worker] : workers_) {
+        if (worker->running != nullptr || worker->killed) continue;
+        if (!oldest || worker->idleSince < *oldest) oldest = worker->idleSince;
+    }
+    if (!oldest) return;
+    const auto left = std::max<std::chrono::steady_clock::duration>(
+        *oldest + options_.workerIdleTimeout - std::chrono::steady_clock::now(), {});
+    const timeval wait = ToTimeval(std::chrono::ceil<std::chrono::milliseconds>(left));
+    evtimer_add(retireTimer_.get(), &wait);
+}
+
+void WorkerPool::OnRetire(evutil_socket_t, short, void* context) {
+    static_cast<WorkerPool*>(context)->RetireIdle();
+}
+
+// A worker let go ends by itself when its channel closes; the supervisor is
+// told first, so that it does not replace it.
+void WorkerPool::RetireIdle() {
+    const auto due = std::chrono::steady_clock::now() - options_.workerIdleTimeout;
+    std::vector<std::uint32_t> going;
+    std::size_t alive = Alive();
+    for (const auto& [id, worker] : workers_) {
+        if (alive <= options_.minWorkers) break;
+        if (worker->running != nullptr || worker->killed || worker->idleSince > due) continue;
+        going.push_back(id);
+        --alive;
+    }
+    if (!going.empty()) {
+        wanted_ = static_cast<unsigned>(std::max<std::size_t>(alive, options_.minWorkers));
+        owner_.WantWorkers(wanted_);
+        for (std::uint32_t id : going) workers_.erase(id);
+    }
+    ScheduleRetirement();
 }
 
 void WorkerPool::Dispatch(Worker& worker, PendingCall& pending) {
@@ -100,6 +174,7 @@ void WorkerPool::Dispatch(Worker& worker, PendingCall& pending) {
 void WorkerPool::Release(Worker& worker) {
     PendingCall* pending = worker.running;
     worker.running = nullptr;
+    worker.idleSince = std::chrono::steady_clock::now();
     evtimer_del(worker.deadline.get());
     if (pending == nullptr) return;
     if (pending->exclusive) exclusiveRunning_ = false;

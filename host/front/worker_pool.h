@@ -1,6 +1,9 @@
 // The front's side of the workers: the queue of calls waiting for one, which
 // worker runs what, the write rule (one exclusive call at a time across all
-// workers), the handler time-out, and the answers read back.
+// workers), the handler time-out, the answers read back, and how many
+// workers there are: the minimum while idle, more (up to --workers) asked
+// of the supervisor while calls wait, and the ones above the minimum let go
+// once they have idled for --worker-idle-timeout.
 #pragma once
 
 #include <event2/event.h>
@@ -60,10 +63,11 @@ public:
         virtual void Done(PendingCall& pending) = 0;
         // Asks the supervisor to kill a worker that overran its time.
         virtual void KillWorker(std::uint32_t id, pid_t pid) = 0;
+        // Asks the supervisor to keep `count` workers running.
+        virtual void WantWorkers(unsigned count) = 0;
     };
 
-    WorkerPool(event_base* base, const Options& options, HostMetrics& metrics, Owner& owner)
-        : base_(base), options_(options), metrics_(metrics), owner_(owner) {}
+    WorkerPool(event_base* base, const Options& options, HostMetrics& metrics, Owner& owner);
 
     void Add(WorkerLink link);
     // The supervisor saw the worker end with wait status `status`.
@@ -89,9 +93,15 @@ private:
         EventPtr deadline;
         PendingCall* running = nullptr;
         bool killed = false;  // overran its time, ended or ends: it takes no more work
+        std::chrono::steady_clock::time_point idleSince;
     };
 
     Worker* IdleWorker();
+    std::size_t Alive() const;
+    void AskForWorkers();
+    void ScheduleRetirement();
+    void RetireIdle();
+    static void OnRetire(evutil_socket_t, short, void* context);
     void Pump();
     void Dispatch(Worker& worker, PendingCall& pending);
     void Release(Worker& worker);
@@ -108,6 +118,8 @@ private:
     std::map<std::uint32_t, std::unique_ptr<Worker>> workers_;
     std::deque<PendingCall*> queue_;
     bool exclusiveRunning_ = false;
+    unsigned wanted_;       // as last told to the supervisor
+    EventPtr retireTimer_;  // armed only while a worker above the minimum idles
 };
 
 }  // namespace farlink::host

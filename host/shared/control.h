@@ -19,6 +19,7 @@ enum class ControlKind : std::uint32_t {
     kKillWorker,         // front -> supervisor: `worker` overran its time; kill it
     kAccessLogReopened,  // supervisor -> front: write the access log to the fd attached
     kAuditLogReopened,   // supervisor -> front: write the audit log to the fd attached
+    kWantWorkers,        // front -> supervisor: keep `wanted` workers running
 };
 
 struct ControlMessage {
@@ -26,6 +27,7 @@ struct ControlMessage {
     std::uint32_t worker = 0;  // the worker's id
     std::int32_t pid = 0;
     std::int32_t status = 0;
+    std::uint32_t wanted = 0;
 };
 
 // Both false/nullopt on failure; `passFd`, if not -1, goes along.

@@ -141,10 +141,17 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
          [&](auto&, auto& v) { passwords.literal = v; }},
         {"--user", "NAME", "the service user, not root (nobody)",
          [&](auto&, auto& v) { options.user = v; }},
-        {"--workers", "N", "worker processes, 1..64 (4)",
+        {"--workers", "N", "at most this many worker processes, 1..64 (4)",
          [&](auto& o, auto& v) {
              options.workers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
          }},
+        {"--min-workers", "N", "worker processes kept while idle, 1..64 (1)",
+         [&](auto& o, auto& v) {
+             options.minWorkers = static_cast<unsigned>(ParseNumber(o, v, 1, 64));
+         }},
+        {"--worker-idle-timeout", "SECONDS",
+         "a worker above the minimum idle this long ends, 1..86400 (30)",
+         [&](auto& o, auto& v) { options.workerIdleTimeout = ParseSeconds(o, v, 86400); }},
         {"--access-log", "FILE", "append the access log here (stderr)",
          [&](auto&, auto& v) { options.accessLogPath = v; }},
         {"--audit-log", "FILE", "append the audit log here (memory only)",
@@ -222,6 +229,7 @@ Options ParseOptions(std::vector<std::string>& args) {
     }
     for (std::string& arg : args) Wipe(arg);
     CheckRequired(options);
+    options.minWorkers = std::min(options.minWorkers, options.workers);
     ResolvePassword(passwords, options);
     return options;
 }

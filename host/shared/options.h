@@ -17,7 +17,9 @@ struct Options {
     std::optional<int> listenFd;               // inherited, already listening
     std::string user = "nobody";
     PasswordHash adminPassword;  // the clear text is wiped once hashed
-    unsigned workers = 4;        // processes that each load the module
+    unsigned workers = 4;        // at most this many processes that each load the module
+    unsigned minWorkers = 1;     // kept running when idle; never above `workers`
+    std::chrono::seconds workerIdleTimeout{30};  // a worker above the minimum idle this long ends
     std::chrono::seconds handlerTimeout{60};
     std::size_t queueLimit = 256;  // requests waiting for a worker
     // Methods with a name that begins with one of these run one at a time

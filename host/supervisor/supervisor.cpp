@@ -116,7 +116,7 @@ private:
     }
 
     void StartWorkers() {
-        for (unsigned i = 0; i < options_.workers; ++i) links_.push_back(ForkWorker());
+        for (unsigned i = 0; i < wanted_; ++i) links_.push_back(ForkWorker());
         for (const WorkerLink& link : links_) {
             std::string failure;
             std::optional<std::vector<RowName>> rows = Greeting(link, failure);
@@ -128,12 +128,13 @@ private:
         }
     }
 
+    // Up to what the front wants, also in place of workers that died.
     void ReplaceWorkers() {
         restartDue_.reset();
-        while (!stopping_ && workers_.size() < options_.workers && !restartDue_) ReplaceWorker();
+        while (!stopping_ && workers_.size() < wanted_ && !restartDue_) AddWorker();
     }
 
-    void ReplaceWorker() {
+    void AddWorker() {
         std::optional<WorkerLink> link;
         std::string failure;
         try {
@@ -143,7 +144,7 @@ private:
             failure = error.what();
         }
         if (!link) {
-            std::fprintf(stderr, "farlink-host: cannot replace a worker: %s; trying again\n",
+            std::fprintf(stderr, "farlink-host: cannot start a worker: %s; trying again\n",
                          failure.c_str());
             restartDue_ = Clock::now() + kRestartPause;
             return;
@@ -225,6 +226,7 @@ private:
         while (!stopping_ && WaitReadable(signals_.Get(), due)) TakeSignal();
         if (stopping_) return;
         try {
+            wanted_ = options_.minWorkers;  // the new front asks for more as it needs them
             StartWorkers();
             StartFront();
         } catch (const StartupError& error) {
@@ -250,8 +252,9 @@ private:
         if (poll(ready, control_ ? 2 : 1, timeout) < 0 && errno != EINTR) {
             throw std::runtime_error("poll: " + ErrnoText());
         }
-        if (ready[0].revents & POLLIN) TakeSignal();
+        // The front's wishes first: a worker it let go is not to be replaced.
         if (control_ && (ready[1].revents & (POLLIN | POLLHUP | POLLERR))) TakeControl();
+        if (ready[0].revents & POLLIN) TakeSignal();
         if (stopping_ && Clock::now() >= stopDeadline_ && frontPid_ > 0) {
             std::fprintf(stderr, "farlink-host: the front did not stop; killing it\n");
             kill(frontPid_, SIGKILL);
@@ -299,10 +302,26 @@ private:
     }
 
     void TakeControl() {
+        do {
+            TakeControlMessage();
+        } while (control_ && ControlWaiting());
+    }
+
+    bool ControlWaiting() const {
+        pollfd ready{control_.Get(), POLLIN, 0};
+        return poll(&ready, 1, 0) > 0;
+    }
+
+    void TakeControlMessage() {
         UniqueFd none;
         std::optional<ControlMessage> message = ReceiveControl(control_.Get(), none);
         if (!message) {
             control_.Reset();  // the front is gone; SIGCHLD tells the rest
+            return;
+        }
+        if (message->kind == ControlKind::kWantWorkers) {
+            wanted_ = std::clamp(message->wanted, options_.minWorkers, options_.workers);
+            if (!restartDue_) ReplaceWorkers();
             return;
         }
         if (message->kind != ControlKind::kKillWorker) return;
@@ -374,6 +393,10 @@ private:
     std::vector<RowName> rows_;
     std::map<std::uint32_t, Worker> workers_;
     std::uint32_t nextWorkerId_ = 1;
+    // Workers kept running: the minimum, more while the front has the work.
+    // The front ends the idle ones it no longer wants by closing their
+    // channels.
+    std::uint32_t wanted_ = options_.minWorkers;
     pid_t frontPid_ = 0;
     int frontStatus_ = 0;
     Clock::time_point frontStarted_;

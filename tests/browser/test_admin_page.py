@@ -304,6 +304,10 @@ class AdminPage(unittest.TestCase):
         self.shot("setup", "#setup")
         self.setup_step("alias")
         self.until_outcome("availability", "The relay can be offered on this box.")
+        # The control server holds its answer a moment: the page must be
+        # seen while the binding is under way.
+        control("/control/fault", {"command": "set_alias", "mode": "delay", "delay_ms": 1000,
+                                   "count": 1})
         self.bind("webbox", "alice@example.test", "secret-pw1")
         self.assertTrue(self.find("#alias-bind").get_attribute("disabled"),
                         "a second submission is blocked while the alias is bound")

@@ -58,7 +58,8 @@ std::vector<Json::Value> JsonLines(const std::string& text) {
 TEST(HostOperations, HealthMetricsAndAuditTellWhatHappenedAndNoSecret) {
     const std::string audit = TempPath("audit");
     const std::string counter = TempPath("counter");
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--audit-log", audit, "--workers", "2"}));
+    HostProcess host(
+        Serving(TEST_MODULE_PATH, {"--audit-log", audit, "--workers", "2", "--min-workers", "2"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     const std::string base = host.BaseUrl();
 

@@ -92,7 +92,8 @@ TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsR
     struct stat pipeInfo {};
     fstat(launcherPipe[1], &pipeInfo);
     const std::string pipeName = "pipe:[" + std::to_string(pipeInfo.st_ino) + "]";
-    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2"}));
+    HostProcess host(
+        Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2", "--min-workers", "2"}));
     close(launcherPipe[0]);
     close(launcherPipe[1]);
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
@@ -152,8 +153,8 @@ TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
     const char* asan = std::getenv("ASAN_OPTIONS");
     setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":handle_segv=0").c_str(), 1);
     const std::string log = TempPath("access");
-    HostProcess host(Serving(TEST_MODULE_PATH,
-                             {"--access-log", log, "--workers", "2", "--handler-timeout", "1"}));
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2",
+                                                "--min-workers", "2", "--handler-timeout", "1"}));
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     const std::vector<std::pair<std::string, std::string>> cases = {{"crash", "error=110,SIGSEGV"},
                                                                     {"abort", "error=110,SIGABRT"},
@@ -246,6 +247,23 @@ TEST(HostScheduling, ExclusiveMethodsRunOneAtATimeAndAFullQueueIsBusy) {
     EXPECT_EQ(queued.get().body, R"({"success":true})");
     unlink(counter.c_str());
     unlink(started.c_str());
+}
+
+// One worker waits while nothing happens; calls that would wait get workers
+// of their own, up to --workers, and those idle past their time end again.
+TEST(HostScheduling, WorkersStartUnderLoadAndIdleOnesEnd) {
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "3", "--worker-idle-timeout", "1"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const auto workers = [&] { return ChildrenNamed(host.Pid(), "farlink-worker").size(); };
+    EXPECT_EQ(workers(), 1u);
+    std::vector<std::future<HttpResult>> calls;
+    for (int call = 0; call < 3; ++call) {
+        calls.push_back(std::async(std::launch::async, [&] { return LoggedInCall(host, "slow"); }));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return workers() == 3; })) << workers();
+    for (auto& call : calls) EXPECT_EQ(call.get().body, R"({"success":true})");
+    EXPECT_TRUE(WaitUntil([&] { return workers() == 1; })) << workers();
+    EXPECT_EQ(LoggedInCall(host, "succeed_empty").body, R"({"success":true})");
 }
 
 // What the service manager hears on NOTIFY_SOCKET: READY=1 only from a host

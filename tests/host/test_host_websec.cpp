@@ -155,7 +155,7 @@ TEST_F(HostWebSecurity, LoginIsAPostThrottledPerAddressAndLoggedWithoutThePasswo
 // A copy of a process's memory tells neither the admin password nor a
 // password a call carried, once the call is over.
 TEST_F(HostWebSecurity, NoProcessKeepsAPassword) {
-    Start({"--workers", "2"});
+    Start({"--workers", "2", "--min-workers", "2"});
     const auto processes = [&] {
         std::vector<pid_t> all = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
         all.push_back(host_->Pid());
