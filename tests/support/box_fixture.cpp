@@ -83,7 +83,8 @@ void ExpectHostIdsDropped() {
     const pid_t host = HostPid();
     // Real, effective, saved and file-system ids.
     const std::string uid = std::to_string(user->pw_uid), gid = std::to_string(user->pw_gid);
-    const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
+    std::vector<pid_t> workers;
+    WaitUntil([&] { return !(workers = ChildrenNamed(host, "farlink-worker")).empty(); });
     EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
     for (pid_t worker : workers) {
         std::string uids, gids;
