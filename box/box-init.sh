@@ -18,6 +18,9 @@ unset FARLINK_BOX_LISTEN_PORT FARLINK_BOX_PASSWORD FARLINK_BOX_KEEP
 host_port=8080
 control_v4=127.0.10.1
 control_v6=fd00:10::1
+# The forwarder's connections to the host come from here, and only they may
+# name their client in a PROXY header.
+forwarder_source=127.0.0.2
 silent_nameserver=127.0.10.53
 service_user=nobody
 
@@ -147,13 +150,33 @@ install_orvo() {
 new_ec_key=(-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes)
 
 make_tls() {
+    local server_names="DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN"
+    local host_names="IP:127.0.0.1,IP:::1,DNS:localhost"
+    # A browser told to trust ca.pem then trusts it for these names only.
     openssl req -x509 "${new_ec_key[@]}" -days 7 -subj "/CN=Farlink box CA" \
         -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign" \
+        -addext "$(name_constraints "$server_names,$host_names")" \
         -keyout "$scratch/ca.key" -out "$run/ca.pem" 2>/dev/null
-    issue_certificate server farlink.test \
-        "DNS:*.$primary_domain,DNS:*.$secondary_domain,DNS:$primary_domain,DNS:$relayinfo,DNS:$FARLINK_DEFAULT_DIRECT_DOMAIN"
-    issue_certificate host farlink-box "IP:127.0.0.1,IP:::1,DNS:localhost"
+    issue_certificate server farlink.test "$server_names"
+    issue_certificate host farlink-box "$host_names"
     cat "$run/ca.pem" >>/etc/ssl/certs/ca-certificates.crt
+}
+
+# name_constraints ALT_NAMES: an extension that permits exactly the names
+# (with their subdomains; a wildcard's parent) and addresses in ALT_NAMES.
+name_constraints() {
+    local name permitted=()
+    local -a names
+    IFS=, read -r -a names <<<"$1"
+    for name in "${names[@]}"; do
+        case $name in
+        DNS:\*.*) permitted+=("permitted;DNS:${name#DNS:\*.}") ;;
+        DNS:*) permitted+=("permitted;$name") ;;
+        IP:*:*) permitted+=("permitted;$name/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff") ;;
+        IP:*) permitted+=("permitted;$name/255.255.255.255") ;;
+        esac
+    done
+    (IFS=, && echo "nameConstraints=critical,${permitted[*]}")
 }
 
 # issue_certificate NAME COMMON_NAME SUBJECT_ALT_NAMES: a server key and
@@ -257,12 +280,13 @@ start_services() {
         --listen-fd 3 --user "$service_user" --password-file "$run/admin-password" \
         --tls-cert "$scratch/host.pem" --tls-key "$scratch/host.key" \
         --access-log "$run/access.log" --audit-log "$run/audit.log" --pid-file "$run/host.pid" \
-        "${web[@]}"
+        --proxy-from "$forwarder_source" "${web[@]}"
     wait_ready host log_says host "listening on"
 
-    # Connections to the machine's 127.0.0.1:PORT come in here.
+    # Connections to the machine's 127.0.0.1:PORT come in here; each tells
+    # the host its outside client.
     setsid "$bin/farlink-box-forward" --listen-fd 3 --to "127.0.0.1:$host_port" \
-        </dev/null >>"$run/forward.log" 2>&1 &
+        --proxy-from "$forwarder_source" </dev/null >>"$run/forward.log" 2>&1 &
     service_names+=(forward)
     service_pids+=($!)
     exec 3<&-

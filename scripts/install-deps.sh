@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config ccache
-    libjsoncpp-dev libevent-dev libssl-dev libcurl4-openssl-dev prometheus-cpp-dev
+    libjsoncpp-dev libevent-dev libssl-dev libcurl4-openssl-dev prometheus-cpp-dev libseccomp-dev
     libgtest-dev googletest libbenchmark-dev
     dnsmasq-base openssl ca-certificates iproute2 util-linux procps curl
     dpkg-dev file lintian wrk

@@ -1,6 +1,7 @@
 // farlink-controlserver: the global control servers and register sites of
 // the relay service, played by one process for the emulated box.
 #include <event2/event.h>
+#include <farlink/tls_server.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -31,7 +32,7 @@ std::string OpenSslError() {
 
 SslCtxPtr LoadTls(const Options& options, std::string& error) {
     SslCtxPtr context(SSL_CTX_new(TLS_server_method()));
-    if (!context ||
+    if (!context || !farlink::ApplyServerTlsPolicy(context.get()) ||
         SSL_CTX_use_certificate_chain_file(context.get(), options.certPath.c_str()) != 1 ||
         SSL_CTX_use_PrivateKey_file(context.get(), options.keyPath.c_str(), SSL_FILETYPE_PEM) !=
             1 ||

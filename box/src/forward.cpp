@@ -1,13 +1,17 @@
 // farlink-box-forward: accepts connections on a listening socket that it is
 // handed (the one the launcher bound in the machine's network namespace) and
 // joins each to a fresh connection to ADDR:PORT inside the box. So the host's
-// URL is the same inside and outside the box.
+// URL is the same inside and outside the box. With --proxy-from, each
+// connection to the target comes from SOURCE and starts with a PROXY header
+// naming the outside client, so that the host can tell clients apart (and
+// tell the forwarder from clients inside the box, which come from elsewhere).
 //
-//   farlink-box-forward --listen-fd N --to ADDR:PORT
+//   farlink-box-forward --listen-fd N --to ADDR:PORT [--proxy-from SOURCE]
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
+#include <farlink/proxy_header.h>
 #include <signal.h>
 
 #include <cstdio>
@@ -15,6 +19,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "socket_address.h"
@@ -62,30 +67,55 @@ private:
 
 class Forwarder {
 public:
-    Forwarder(event_base* base, SocketAddress target) : base_(base), target_(target) {}
+    Forwarder(event_base* base, SocketAddress target, std::optional<SocketAddress> proxyFrom)
+        : base_(base), target_(target), proxyFrom_(proxyFrom) {}
 
-    static void OnAccept(evconnlistener*, evutil_socket_t fd, sockaddr*, int, void* self) {
-        static_cast<Forwarder*>(self)->Accept(fd);
+    static void OnAccept(evconnlistener*, evutil_socket_t fd, sockaddr* client, int, void* self) {
+        static_cast<Forwarder*>(self)->Accept(fd, *client);
     }
     void Close(Link* link) { links_.erase(link); }
 
 private:
-    void Accept(evutil_socket_t fd) {
+    void Accept(evutil_socket_t fd, const sockaddr& clientAddress) {
         BuffereventPtr client(bufferevent_socket_new(base_, fd, BEV_OPT_CLOSE_ON_FREE));
-        BuffereventPtr target(bufferevent_socket_new(base_, -1, BEV_OPT_CLOSE_ON_FREE));
+        BuffereventPtr target(
+            bufferevent_socket_new(base_, ConnectingSocket(), BEV_OPT_CLOSE_ON_FREE));
         if (!client || !target ||
             bufferevent_socket_connect(target.get(), target_.Get(),
                                        static_cast<int>(target_.length)) != 0) {
             std::fprintf(stderr, "farlink-box-forward: cannot reach the target\n");
             return;
         }
+        if (proxyFrom_) {
+            const SocketAddress server = LocalAddress(fd);
+            const std::string header = farlink::EncodeProxyHeader(clientAddress, *server.Get());
+            bufferevent_write(target.get(), header.data(), header.size());
+        }
         auto link = std::make_unique<Link>(*this, std::move(client), std::move(target));
         Link* key = link.get();
         links_.emplace(key, std::move(link));
     }
 
+    // A socket bound to the proxy source, or -1 to let libevent make one.
+    evutil_socket_t ConnectingSocket() const {
+        if (!proxyFrom_) return -1;
+        const int fd = socket(proxyFrom_->Family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && bind(fd, proxyFrom_->Get(), proxyFrom_->length) != 0) {
+            std::perror("farlink-box-forward: cannot bind the proxy source");
+        }
+        return fd;
+    }
+
+    static SocketAddress LocalAddress(int fd) {
+        SocketAddress local;
+        local.length = sizeof local.storage;
+        getsockname(fd, reinterpret_cast<sockaddr*>(&local.storage), &local.length);
+        return local;
+    }
+
     event_base* base_;
     SocketAddress target_;
+    std::optional<SocketAddress> proxyFrom_;
     std::map<Link*, std::unique_ptr<Link>> links_;
 };
 
@@ -127,14 +157,19 @@ void Link::OnFlushed(bufferevent* side, void* self) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5 || std::strcmp(argv[1], "--listen-fd") != 0 ||
+    const bool proxied = argc == 7 && std::strcmp(argv[5], "--proxy-from") == 0;
+    if ((argc != 5 && !proxied) || std::strcmp(argv[1], "--listen-fd") != 0 ||
         std::strcmp(argv[3], "--to") != 0) {
-        std::fputs("usage: farlink-box-forward --listen-fd N --to ADDR:PORT\n", stderr);
+        std::fputs("usage: farlink-box-forward --listen-fd N --to ADDR:PORT [--proxy-from ADDR]\n",
+                   stderr);
         return 2;
     }
     const auto target = ParseSocketAddress(argv[4]);
-    if (!target) {
-        std::fprintf(stderr, "farlink-box-forward: not a numeric ADDR:PORT: %s\n", argv[4]);
+    const auto proxyFrom =
+        proxied ? ParseSocketAddress(std::string(argv[6]) + ":0") : std::optional<SocketAddress>();
+    if (!target || (proxied && !proxyFrom)) {
+        std::fprintf(stderr, "farlink-box-forward: not a numeric address: %s\n",
+                     target ? argv[6] : argv[4]);
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
@@ -142,7 +177,7 @@ int main(int argc, char** argv) {
     // Handed over blocking; the listener must never block the loop in accept.
     evutil_make_socket_nonblocking(listenFd);
     std::unique_ptr<event_base, EventBaseFree> base(event_base_new());
-    Forwarder forwarder(base.get(), *target);
+    Forwarder forwarder(base.get(), *target, proxyFrom);
     std::unique_ptr<evconnlistener, ListenerFree> listener(
         evconnlistener_new(base.get(), Forwarder::OnAccept, &forwarder,
                            LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, listenFd));

@@ -45,7 +45,7 @@ ApiReply ApiService::Login(const RequestParams& request, const std::string& addr
         return reply;
     }
     if (Own(request, "account") != kAdminAccount ||
-        !SameSecret(Own(request, "passwd"), adminPassword_)) {
+        !PasswordMatches(adminPassword_, Own(request, "passwd"))) {
         throttle_.Failed(address);
         return HostRefusal(HostError::kBadLogin);
     }

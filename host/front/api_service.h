@@ -15,6 +15,7 @@
 #include "host_errors.h"
 #include "login_throttle.h"
 #include "request_params.h"
+#include "secrets.h"
 #include "sessions.h"
 
 namespace farlink::host {
@@ -34,11 +35,8 @@ public:
     static constexpr char kLogoutMethod[] = "logout";
 
     ApiService(const ApiTable& table, SessionStore& sessions, LoginThrottle& throttle,
-               std::string adminPassword)
-        : table_(table),
-          sessions_(sessions),
-          throttle_(throttle),
-          adminPassword_(std::move(adminPassword)) {}
+               const PasswordHash& adminPassword)
+        : table_(table), sessions_(sessions), throttle_(throttle), adminPassword_(adminPassword) {}
 
     // `address` is the client's, for counting its failures.
     ApiReply Login(const RequestParams& request, const std::string& address);
@@ -55,7 +53,7 @@ private:
     const ApiTable& table_;
     SessionStore& sessions_;
     LoginThrottle& throttle_;
-    const std::string adminPassword_;
+    const PasswordHash adminPassword_;
 };
 
 }  // namespace farlink::host

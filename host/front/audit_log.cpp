@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "access_log.h"
+#include "secrets.h"
 
 namespace farlink::host {
 
@@ -20,15 +21,6 @@ namespace {
 // A parameter this large says nothing more useful in an audit line than its size.
 constexpr std::size_t kMaxParamsText = 4096;
 constexpr std::size_t kDigestHexDigits = 16;
-
-bool NamesSecret(std::string name) {
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    for (const char* marker : {"passw", "secret", "token"}) {
-        if (name.find(marker) != std::string::npos) return true;
-    }
-    return false;
-}
 
 std::string CompactText(const Json::Value& value) {
     static const std::unique_ptr<Json::StreamWriter> writer = [] {

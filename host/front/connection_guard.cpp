@@ -1,6 +1,7 @@
 #include "connection_guard.h"
 
 #include <arpa/inet.h>
+#include <farlink/proxy_header.h>
 #include <farlink/tls_server.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -35,17 +36,37 @@ constexpr std::chrono::milliseconds kAcceptPause{250};
 // A failing accept is reported at most this often.
 constexpr std::chrono::seconds kReportInterval{10};
 
+// A PROXY header's signature, and the longest header read (addresses and
+// a little room for extensions).
+constexpr std::size_t kProxySignature = 12;
+constexpr std::size_t kLongestProxyHeader = 512;
+
+std::string AddressText(const sockaddr_storage& address) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    if (address.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text,
+                  sizeof text);
+    } else if (address.ss_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, text,
+                  sizeof text);
+    }
+    return text;
+}
+
+// As the access log shows a client: "ADDR:PORT", "[ADDR]:PORT" for IPv6.
+std::string ClientText(const sockaddr_storage& address) {
+    const bool v6 = address.ss_family == AF_INET6;
+    const in_port_t port = v6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                              : reinterpret_cast<const sockaddr_in&>(address).sin_port;
+    const std::string text = AddressText(address);
+    return (v6 ? "[" + text + "]" : text) + ":" + std::to_string(ntohs(port));
+}
+
 std::string PeerAddress(int fd) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
     if (fd < 0 || getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return "?";
-    char text[INET6_ADDRSTRLEN] = "?";
-    if (peer.ss_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in&>(peer).sin_addr, text, sizeof text);
-    } else if (peer.ss_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6&>(peer).sin6_addr, text, sizeof text);
-    }
-    return text;
+    return AddressText(peer);
 }
 
 }  // namespace
@@ -92,9 +113,95 @@ bufferevent* ConnectionGuard::OnNewConnection(event_base* base, void* self) {
     bufferevent_incref(bev);  // outlives the engine's use, so that its end can be seen
     Connection& connection = guard.connections_[bev];
     connection.deadline = Clock::now() + guard.limits_.headerTimeout;
+    if (!guard.limits_.proxyPeers.empty()) guard.AwaitProxyHeader(bev, connection);
     guard.UpdateAccepting();
     guard.ScheduleSweep(Clock::now() + kBusySweepInterval);
     return bev;
+}
+
+// With proxies to trust, every connection's first bytes are looked at on
+// the socket before the HTTP engine or TLS reads any. The engine sets the
+// socket and starts reading right after this hook; the start event runs
+// next, before the loop next polls, and stops that reading until the header
+// is dealt with.
+void ConnectionGuard::AwaitProxyHeader(bufferevent* bev, Connection& connection) {
+    connection.proxy.reset(new ProxyWait{this, bev, nullptr});
+    connection.proxy->event.reset(
+        event_new(base_, -1, 0, &ConnectionGuard::OnProxyStart, connection.proxy.get()));
+    if (connection.proxy->event) event_active(connection.proxy->event.get(), EV_TIMEOUT, 0);
+}
+
+void ConnectionGuard::OnProxyStart(evutil_socket_t, short, void* wait) {
+    auto& proxyWait = *static_cast<ProxyWait*>(wait);
+    bufferevent_disable(proxyWait.bev, EV_READ);
+    proxyWait.event.reset(event_new(proxyWait.guard->base_, bufferevent_getfd(proxyWait.bev),
+                                    EV_READ | EV_PERSIST, &ConnectionGuard::OnProxyReadable,
+                                    &proxyWait));
+    if (proxyWait.event) event_add(proxyWait.event.get(), nullptr);
+}
+
+void ConnectionGuard::OnProxyReadable(evutil_socket_t fd, short, void* wait) {
+    auto& proxyWait = *static_cast<ProxyWait*>(wait);
+    proxyWait.guard->ReadProxyHeader(proxyWait, fd);
+}
+
+void ConnectionGuard::ReadProxyHeader(ProxyWait& wait, int fd) {
+    auto found = connections_.find(wait.bev);
+    if (found == connections_.end()) return;
+    Connection& connection = found->second;
+    unsigned char head[kLongestProxyHeader];
+    const ssize_t got = recv(fd, head, sizeof head, MSG_PEEK);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+    if (got <= 0) {  // the engine sees the end or the error for itself
+        EndProxyWait(connection);
+        return;
+    }
+    const auto size = static_cast<std::size_t>(got);
+    const farlink::ProxyHeader header = farlink::ParseProxyHeader(head, size);
+    using Status = farlink::ProxyHeader::Status;
+    connection.address = PeerAddress(fd);
+    if (limits_.proxyPeers.count(connection.address) == 0) {
+        if (header.status == Status::kIncomplete && size < kProxySignature) return;
+        if (header.status != Status::kMalformed && !untrustedHeaderLogged_) {
+            std::fprintf(stderr,
+                         "farlink-host: refused a PROXY header from %s, which --proxy-from does "
+                         "not name; further ones are refused without a word\n",
+                         connection.address.c_str());
+            untrustedHeaderLogged_ = true;
+        }
+        // What is not a header is the client's own first request.
+        if (header.status != Status::kMalformed) Cut(wait.bev, connection);
+        EndProxyWait(connection);
+        return;
+    }
+    if (header.status == Status::kIncomplete && size < sizeof head) return;  // more to come
+    if (header.status != Status::kComplete ||
+        recv(fd, head, header.length, 0) != static_cast<ssize_t>(header.length)) {
+        Cut(wait.bev, connection);
+        EndProxyWait(connection);
+        return;
+    }
+    if (header.hasClient) {
+        connection.address = AddressText(header.client);
+        connection.proxiedClient = ClientText(header.client);
+    }
+    EndProxyWait(connection);
+}
+
+// The engine reads from here on (and sees a connection that was cut end).
+void ConnectionGuard::EndProxyWait(Connection& connection) {
+    bufferevent* bev = connection.proxy->bev;
+    connection.proxy.reset();
+    bufferevent_enable(bev, EV_READ);
+}
+
+std::optional<std::pair<std::string, std::string>> ConnectionGuard::ProxiedClient(
+    evhttp_request* request) const {
+    evhttp_connection* connection = evhttp_request_get_connection(request);
+    if (connection == nullptr) return std::nullopt;
+    auto found = connections_.find(evhttp_connection_get_bufferevent(connection));
+    if (found == connections_.end() || found->second.proxiedClient.empty()) return std::nullopt;
+    return std::make_pair(found->second.address, found->second.proxiedClient);
 }
 
 ConnectionGuard::Connection* ConnectionGuard::Find(evhttp_request* request) {
@@ -141,7 +248,10 @@ void ConnectionGuard::OnClosed(evhttp_connection* connection, void* self) {
 
 // The engine is about to free the connection; the sweep right after sees
 // it gone.
-void ConnectionGuard::Closing(evhttp_connection*) { ScheduleSweep(Clock::now()); }
+void ConnectionGuard::Closing(evhttp_connection* connection) {
+    if (closingListener_) closingListener_(connection);
+    ScheduleSweep(Clock::now());
+}
 
 void ConnectionGuard::StopAccepting() {
     stopped_ = true;
@@ -232,7 +342,8 @@ bool ConnectionGuard::EngineHolds(bufferevent* bev) {
 
 bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
     if (EngineHolds(bev)) return false;
-    if (!connection.address.empty()) {
+    connection.proxy.reset();
+    if (connection.counted) {
         auto count = perAddress_.find(connection.address);
         if (count != perAddress_.end() && --count->second == 0) perAddress_.erase(count);
     }
@@ -242,8 +353,9 @@ bool ConnectionGuard::Released(bufferevent* bev, Connection& connection) {
 
 bool ConnectionGuard::Check(bufferevent* bev, Connection& connection, Clock::time_point now) {
     if (connection.cut) return false;
-    if (connection.address.empty()) {
-        connection.address = PeerAddress(bufferevent_getfd(bev));
+    if (!connection.counted && !connection.proxy) {
+        if (connection.address.empty()) connection.address = PeerAddress(bufferevent_getfd(bev));
+        connection.counted = true;
         const std::size_t count = ++perAddress_[connection.address];
         if (count > limits_.perAddress &&
             limits_.unlimitedAddresses.count(connection.address) == 0) {

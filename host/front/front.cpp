@@ -17,6 +17,8 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
+#include <tuple>
 
 #include "channel.h"
 #include "connection_guard.h"
@@ -28,6 +30,8 @@
 #include "processes.h"
 #include "reply_headers.h"
 #include "router.h"
+#include "sandbox.h"
+#include "secrets.h"
 #include "sessions.h"
 #include "static_files.h"
 #include "worker_pool.h"
@@ -52,7 +56,7 @@ public:
           metrics_(setup.rows),
           audit_(std::move(setup.auditLog)),
           names_(AddressOf(setup.listenAddress), options_.allowedHosts),
-          service_(table_, sessions_, throttle_, options_.password),
+          service_(table_, sessions_, throttle_, options_.adminPassword),
           router_(service_, log_, setup.tls != nullptr, {metrics_, audit_, names_, *this}),
           pages_(options_.webRoot.empty() ? StaticFiles() : StaticFiles(options_.webRoot)),
           control_(std::move(setup.control)),
@@ -77,6 +81,7 @@ public:
         guard_ =
             std::make_unique<ConnectionGuard>(base_.get(), http_.get(), std::move(setup.listener),
                                               ConnectionLimitsOf(options_), tls_.get());
+        guard_->OnClosing([this](evhttp_connection* connection) { ReplyEnded(connection); });
         for (WorkerLink& link : setup.workers) pool_->Add(std::move(link));
     }
 
@@ -119,6 +124,9 @@ private:
         const Clock::time_point started = Clock::now();
         guard_->RequestArrived(request);
         HttpExchange exchange = ReadExchange(request, options_.maxBody);
+        if (auto proxied = guard_->ProxiedClient(request)) {
+            std::tie(exchange.address, exchange.client) = std::move(*proxied);
+        }
         // A foreign Host goes on to the router, which refuses it.
         if (names_.Allows(exchange.host) && StaticFiles::Claims(exchange.method, exchange.path)) {
             if (std::optional<StaticFile> file =
@@ -130,6 +138,7 @@ private:
         auto decided = router_.Decide(exchange);
         if (auto* answer = std::get_if<Router::Answer>(&decided)) {
             Send(request, router_.Finish(exchange, *answer, "ids-ok", started));
+            Wipe(exchange.body);  // a login's password
             return;
         }
         auto& call = std::get<HandlerCall>(decided);
@@ -140,14 +149,20 @@ private:
                                 "ids-ok", started));
             return;
         }
-        exchange.body.clear();
+        Wipe(exchange.body);
         pending_.push_back(std::make_unique<PendingCall>());
         PendingCall& pending = *pending_.back();
         pending.owner = this;
         pending.request = request;
         pending.exchange = std::move(exchange);
         pending.call = call.Label();
-        pending.frame = EncodeFrame(CallMessage(call));
+        pending.secret = HoldsSecret(call.params);
+        Json::Value message = CallMessage(call);
+        pending.frame = EncodeFrame(message);
+        if (pending.secret) {
+            WipeSecrets(message);
+            WipeSecrets(call.params);
+        }
         pending.exclusive = IsExclusiveMethod(options_, call.method);
         if (pending.exclusive) {
             pending.audit = AuditedCall{pending.exchange.address,
@@ -187,7 +202,7 @@ private:
         if (draining_) evhttp_add_header(headers, "Connection", "close");
         evbuffer* body = evhttp_request_get_output_buffer(request);
         evbuffer_add(body, reply.body.data(), reply.body.size());
-        ++repliesInFlight_;
+        replying_.insert(evhttp_request_get_connection(request));
         evhttp_request_set_on_complete_cb(request, &Front::OnReplyWritten, this);
         evhttp_send_reply(request, reply.status, nullptr, nullptr);
     }
@@ -207,12 +222,14 @@ private:
         Send(request, reply);
     }
 
-    // Not called for a connection that breaks while its reply is written:
-    // the count then stays high and the grace timer ends the wait.
-    static void OnReplyWritten(evhttp_request*, void* self) {
-        auto& front = *static_cast<Front*>(self);
-        --front.repliesInFlight_;
-        front.StopIfDrained();
+    // A reply ends either written or with its connection (a client that
+    // resets while its answers are written); the engine tells only one.
+    static void OnReplyWritten(evhttp_request* request, void* self) {
+        static_cast<Front*>(self)->ReplyEnded(evhttp_request_get_connection(request));
+    }
+    void ReplyEnded(evhttp_connection* connection) {
+        if (replying_.erase(connection) == 0) return;
+        StopIfDrained();
     }
 
     void Answer(PendingCall& pending, const Router::Answer& answer,
@@ -283,7 +300,7 @@ private:
     }
 
     void StopIfDrained() {
-        if (draining_ && pending_.empty() && repliesInFlight_ == 0) {
+        if (draining_ && pending_.empty() && replying_.empty()) {
             event_base_loopbreak(base_.get());
         }
     }
@@ -319,7 +336,7 @@ private:
     std::unique_ptr<WorkerPool> pool_;        // its events before base_ goes
     std::list<std::unique_ptr<PendingCall>> pending_;
     bool draining_ = false;
-    int repliesInFlight_ = 0;
+    std::set<evhttp_connection*> replying_;  // a reply is being written on each
     int exitCode_ = EXIT_SUCCESS;
 };
 
@@ -337,8 +354,15 @@ void RunFront(FrontSetup setup) {
     signal(SIGHUP, SIG_IGN);
     int code = EXIT_FAILURE;
     try {
+        // Read while root (the key may be root's alone), and only here.
+        if (!setup.options->tlsCertificate.empty()) {
+            setup.tls = LoadTlsContext(setup.options->tlsCertificate, setup.options->tlsKey);
+        }
+        RenouncePrivileges();
         DropAllIds(setup.ids);
         Front front(setup);
+        ConfineFiles(setup.options->webRoot);
+        ConfineSystemCalls();
         if (!front.SignalReady()) throw std::runtime_error("lost the supervisor");
         code = front.Run();
     } catch (const std::exception& error) {

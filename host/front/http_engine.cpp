@@ -38,6 +38,7 @@ ConnectionLimits ConnectionLimitsOf(const Options& options) {
     limits.perAddress = options.maxConnectionsPerAddress;
     limits.unlimitedAddresses = {options.unlimitedAddresses.begin(),
                                  options.unlimitedAddresses.end()};
+    limits.proxyPeers = {options.proxyPeers.begin(), options.proxyPeers.end()};
     limits.headerTimeout = options.headerTimeout;
     limits.keepAliveTimeout = options.keepAliveTimeout;
     return limits;

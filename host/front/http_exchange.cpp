@@ -5,6 +5,10 @@
 #include <event2/keyvalq_struct.h>
 #include <event2/util.h>
 #include <farlink/http_method.h>
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <vector>
 
 namespace farlink::host {
 
@@ -65,7 +69,17 @@ HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody) {
         exchange.body.resize(length);
         evbuffer_copyout(input, exchange.body.data(), length);
     }
+    WipeBuffer(input);
     return exchange;
+}
+
+// The engine frees a request's body without clearing it; a password in it
+// must not stay behind in freed memory.
+void WipeBuffer(evbuffer* buffer) {
+    const int extents = evbuffer_peek(buffer, -1, nullptr, nullptr, 0);
+    std::vector<evbuffer_iovec> parts(static_cast<std::size_t>(std::max(extents, 0)));
+    evbuffer_peek(buffer, -1, nullptr, parts.data(), extents);
+    for (const evbuffer_iovec& part : parts) OPENSSL_cleanse(part.iov_base, part.iov_len);
 }
 
 }  // namespace farlink::host

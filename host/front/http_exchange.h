@@ -2,6 +2,8 @@
 // that decides the answer.
 #pragma once
 
+#include <event2/buffer.h>
+
 #include <cstddef>
 #include <string>
 #include <utility>
@@ -35,7 +37,11 @@ struct HttpExchange {
 
 // What the front reads of a request from the HTTP engine: a body larger
 // than `maxBody` is not copied, only flagged.
+// Also wipes the body from the engine's buffer.
 HttpExchange ReadExchange(evhttp_request* request, std::size_t maxBody);
+
+// Overwrites what `buffer` holds.
+void WipeBuffer(evbuffer* buffer);
 
 struct HttpReply {
     int status = 200;

@@ -6,6 +6,8 @@
 #include <cctype>
 #include <memory>
 
+#include "secrets.h"
+
 namespace farlink::host {
 
 namespace {
@@ -90,10 +92,14 @@ private:
 
 ParamsOutcome Problem(std::string problem) { return {std::nullopt, std::move(problem)}; }
 
+// The decoded values are copied on, and wiped here: one may be a password.
 bool AddForm(std::string_view text, ParamsBuilder& builder) {
     std::optional<FormPairs> pairs = DecodeForm(text);
     if (!pairs) return false;
-    for (const auto& [name, value] : *pairs) builder.AddText(name, value);
+    for (auto& [name, value] : *pairs) {
+        builder.AddText(name, value);
+        Wipe(value);
+    }
     return true;
 }
 
@@ -101,6 +107,9 @@ bool AddForm(std::string_view text, ParamsBuilder& builder) {
 
 std::optional<FormPairs> DecodeForm(std::string_view text) {
     FormPairs pairs;
+    // Room for every field at once: a vector that grows leaves the short
+    // values it held (a password among them) in the storage it gives back.
+    pairs.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '&')) + 1);
     while (!text.empty()) {
         std::size_t end = std::min(text.find('&'), text.size());
         std::string_view field = text.substr(0, end);
@@ -154,6 +163,7 @@ ParamsOutcome CollectParams(std::string_view query, std::string_view contentType
             return Problem("'" + name + "' in the JSON body must be a string");
         }
     }
+    WipeSecrets(*document);
     return {builder.Take(), {}};
 }
 

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <exception>
 
+#include "secrets.h"
+
 namespace farlink::host {
 
 namespace {
@@ -109,7 +111,15 @@ std::variant<Router::Answer, HandlerCall> Router::Route(const HttpExchange& exch
         CollectParams(exchange.query, exchange.contentType, exchange.body,
                       isAuth ? ApiService::kAuthNames : ApiService::kCallNames);
     if (!collected.params) return Refusal(HostError::kMalformedRequest);
-    if (IsCrossSite(exchange, *collected.params)) return Refusal(HostError::kCrossSite);
+    // A login's password, or a call's secret, leaves no copy in what is freed.
+    struct WipeWhenDone {
+        RequestParams& params;
+        ~WipeWhenDone() {
+            for (auto& [name, value] : params.own) Wipe(value);
+            WipeSecrets(params.params);
+        }
+    } wipe{*collected.params};
+    if (IsCrossSite(exchange, *collected.params, isAuth)) return Refusal(HostError::kCrossSite);
     if (isAuth) return Auth(exchange, *collected.params);
     if (isRecords) return Records(exchange, *collected.params);
     auto routed = service_.Route(*collected.params, CredentialsOf(exchange));
@@ -164,11 +174,14 @@ Router::Answer Router::Records(const HttpExchange& exchange, const RequestParams
 // A browser says where a request comes from; for a request that relies on
 // the cookie alone, anything but this host's own page is refused. The
 // anti-forgery token already stops such requests; this stops them earlier
-// and also covers browsers that keep cookies on cross-site requests.
-bool Router::IsCrossSite(const HttpExchange& exchange, const RequestParams& params) const {
+// and also covers browsers that keep cookies on cross-site requests. A
+// login another site starts is refused too, before the throttle counts it:
+// a foreign page must not spend the administrator's own browser's failures.
+bool Router::IsCrossSite(const HttpExchange& exchange, const RequestParams& params,
+                         bool isAuth) const {
     const bool cookieOnly =
         params.own.count("_sid") == 0 && !CookieValue(exchange.cookie, kSessionCookie).empty();
-    if (!cookieOnly) return false;
+    if (!cookieOnly && !isAuth) return false;
     if (!exchange.fetchSite.empty() && exchange.fetchSite != "same-origin" &&
         exchange.fetchSite != "none") {
         return true;

@@ -68,7 +68,7 @@ private:
     Answer Health() const;
     // The metrics and the recent audit records, for a signed-in client.
     Answer Records(const HttpExchange& exchange, const RequestParams& params);
-    bool IsCrossSite(const HttpExchange& exchange, const RequestParams& params) const;
+    bool IsCrossSite(const HttpExchange& exchange, const RequestParams& params, bool isAuth) const;
     std::string SessionCookie(const std::string& value, const std::string& extra) const;
 
     ApiService& service_;

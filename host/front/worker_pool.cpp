@@ -159,11 +159,12 @@ void WorkerPool::RetireIdle() {
 
 void WorkerPool::Dispatch(Worker& worker, PendingCall& pending) {
     worker.running = &pending;
+    worker.killed = pending.secret;
     pending.running = true;
     if (pending.exclusive) exclusiveRunning_ = true;
     // A worker that died meanwhile is reported by the supervisor.
     (void)WriteAll(worker.channel.Get(), pending.frame.data(), pending.frame.size());
-    pending.frame.clear();
+    Wipe(pending.frame);
     pending.frame.shrink_to_fit();
     const timeval limit = ToTimeval(options_.handlerTimeout);
     evtimer_add(worker.deadline.get(), &limit);

@@ -39,6 +39,7 @@ struct PendingCall {
     std::optional<AuditedCall> audit;
     std::chrono::steady_clock::time_point started;
     bool running = false;  // handed to a worker
+    bool secret = false;   // its parameters hold a secret: its worker ends after it
 };
 
 // The front cannot go on (libevent failed, the supervisor is gone): it says
@@ -91,7 +92,7 @@ private:
         EventPtr readable;
         EventPtr deadline;
         PendingCall* running = nullptr;
-        bool killed = false;  // overran its time or ended: it takes no more work
+        bool killed = false;  // overran its time, ended or ends: it takes no more work
         std::chrono::steady_clock::time_point idleSince;
     };
 

@@ -8,7 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <ostream>
 #include <sstream>
+#include <streambuf>
+
+#include "secrets.h"
 
 namespace farlink::host {
 
@@ -16,17 +20,52 @@ namespace {
 
 constexpr std::size_t kReadChunk = 64 * 1024;
 
-std::string Serialize(const Json::Value& message) {
+Json::StreamWriter& CompactWriter() {
     static const std::unique_ptr<Json::StreamWriter> writer = [] {
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "";
         builder["emitUTF8"] = true;  // bytes pass as they are, valid UTF-8 or not
         return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
     }();
+    return *writer;
+}
+
+std::string Serialize(const Json::Value& message) {
     std::ostringstream text;
-    writer->write(message, &text);
+    CompactWriter().write(message, &text);
     return text.str();
 }
+
+// A stream buffer that grows one string and wipes each buffer it outgrows,
+// so that a frame's text (a call's secret among it) leaves no copy behind
+// in freed memory.
+class WipingStringBuffer : public std::streambuf {
+public:
+    std::string& Text() { return text_; }
+
+protected:
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+        const char ch = traits_type::to_char_type(c);
+        xsputn(&ch, 1);
+        return c;
+    }
+    std::streamsize xsputn(const char* data, std::streamsize size) override {
+        const auto count = static_cast<std::size_t>(size);
+        if (text_.size() + count > text_.capacity()) {
+            std::string bigger;
+            bigger.reserve(std::max(2 * text_.capacity(), text_.size() + count));
+            bigger.append(text_);
+            Wipe(text_);
+            text_.swap(bigger);
+        }
+        text_.append(data, count);
+        return size;
+    }
+
+private:
+    std::string text_;
+};
 
 std::string FrameHeader(std::size_t size) {
     std::string header;
@@ -51,8 +90,13 @@ bool IsUInt32(const Json::Value& value) { return value.isUInt() && value.asUInt(
 }  // namespace
 
 std::string EncodeFrame(const Json::Value& message) {
-    const std::string payload = Serialize(message);
-    return FrameHeader(payload.size()) + payload;
+    WipingStringBuffer buffer;
+    std::ostream frame(&buffer);
+    frame.write("\0\0\0\0", kFrameHeaderSize);  // the length, once known
+    CompactWriter().write(message, &frame);
+    std::string text = std::move(buffer.Text());
+    text.replace(0, kFrameHeaderSize, FrameHeader(text.size() - kFrameHeaderSize));
+    return text;
 }
 
 std::uint32_t FrameLength(const unsigned char header[kFrameHeaderSize]) {

@@ -1,6 +1,9 @@
 #include "options.h"
 
+#include <farlink/unique_fd.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -54,12 +57,18 @@ std::vector<std::string> SplitList(const std::string& text) {
     return items;
 }
 
+// Read with plain reads into a buffer that is wiped, so that no stream
+// buffer keeps the password.
 std::string ReadFirstLine(const std::string& path) {
-    std::ifstream file(path);
-    std::string line;
-    if (!file || !std::getline(file, line)) {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text(4096, '\0');
+    const ssize_t got = fd.Valid() ? read(fd.Get(), text.data(), text.size()) : -1;
+    if (got <= 0) {
+        Wipe(text);
         throw StartupError("cannot read the password file " + path);
     }
+    std::string line = text.substr(0, std::min(text.find('\n'), static_cast<std::size_t>(got)));
+    Wipe(text);
     if (!line.empty() && line.back() == '\r') line.pop_back();
     return line;
 }
@@ -69,15 +78,16 @@ struct PasswordSources {
     std::optional<std::string> literal;
 };
 
-void ResolvePassword(const PasswordSources& sources, Options& options) {
+void ResolvePassword(PasswordSources& sources, Options& options) {
     if (sources.file && sources.literal) {
+        Wipe(*sources.literal);
         throw StartupError("give either --password-file or --password, not both");
     }
-    if (sources.file) options.password = ReadFirstLine(*sources.file);
-    if (sources.literal) options.password = *sources.literal;
-    if (options.password.empty()) {
-        throw StartupError("no admin password: give --password-file or --password");
-    }
+    std::string clear;
+    if (sources.file) clear = ReadFirstLine(*sources.file);
+    if (sources.literal) clear.swap(*sources.literal);
+    if (clear.empty()) throw StartupError("no admin password: give --password-file or --password");
+    options.adminPassword = HashPassword(clear);
 }
 
 // The front opens it later, with the service user's rights; a root that is
@@ -168,6 +178,8 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
          }},
         {"--unlimited-addresses", "ADDRS", "addresses the per-address cap does not apply to",
          [&](auto&, auto& v) { options.unlimitedAddresses = SplitList(v); }},
+        {"--proxy-from", "ADDRS", "peers whose PROXY header (v2) names the client",
+         [&](auto&, auto& v) { options.proxyPeers = SplitList(v); }},
         {"--header-timeout", "SECONDS", "time for a connection's first request, 1..3600 (10)",
          [&](auto& o, auto& v) { options.headerTimeout = ParseSeconds(o, v, 3600); }},
         {"--keepalive-timeout", "SECONDS", "time for the next request, 1..3600 (15)",
@@ -191,7 +203,7 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
 
 }  // namespace
 
-Options ParseOptions(const std::vector<std::string>& args) {
+Options ParseOptions(std::vector<std::string>& args) {
     Options options;
     PasswordSources passwords;
     const std::vector<OptionSpec> table = OptionTable(options, passwords);
@@ -212,7 +224,10 @@ Options ParseOptions(const std::vector<std::string>& args) {
             value = args[++i];
         }
         spec->set(option, *value);
+        Wipe(*value);
+        Wipe(option);
     }
+    for (std::string& arg : args) Wipe(arg);
     CheckRequired(options);
     options.minWorkers = std::min(options.minWorkers, options.workers);
     ResolvePassword(passwords, options);

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "secrets.h"
+
 namespace farlink::host {
 
 struct Options {
@@ -14,9 +16,9 @@ struct Options {
     std::optional<std::string> listenAddress;  // "ADDR:PORT"
     std::optional<int> listenFd;               // inherited, already listening
     std::string user = "nobody";
-    std::string password;
-    unsigned workers = 4;     // at most this many processes that each load the module
-    unsigned minWorkers = 1;  // kept running when idle; never above `workers`
+    PasswordHash adminPassword;  // the clear text is wiped once hashed
+    unsigned workers = 4;        // at most this many processes that each load the module
+    unsigned minWorkers = 1;     // kept running when idle; never above `workers`
     std::chrono::seconds workerIdleTimeout{30};  // a worker above the minimum idle this long ends
     std::chrono::seconds handlerTimeout{60};
     std::size_t queueLimit = 256;  // requests waiting for a worker
@@ -27,6 +29,7 @@ struct Options {
     std::size_t maxConnections = 0;
     std::size_t maxConnectionsPerAddress = 64;
     std::vector<std::string> unlimitedAddresses;
+    std::vector<std::string> proxyPeers;        // may send a PROXY header naming the client
     std::chrono::seconds headerTimeout{10};     // for a whole request on a new connection
     std::chrono::seconds keepAliveTimeout{15};  // for the next one after an answer
     std::string accessLogPath;                  // empty: stderr
@@ -45,7 +48,8 @@ struct Options {
 };
 
 // Throws StartupError naming the first problem. Reads --password-file.
-Options ParseOptions(const std::vector<std::string>& args);
+// Wipes every argument once read (the password is among them).
+Options ParseOptions(std::vector<std::string>& args);
 // What --help prints: every option ParseOptions takes.
 std::string UsageText();
 

@@ -1,5 +1,6 @@
 #include "tls.h"
 
+#include <farlink/tls_server.h>
 #include <openssl/err.h>
 
 #include "startup_error.h"
@@ -21,12 +22,9 @@ std::string OpenSslReason() {
 
 TlsContext LoadTlsContext(const std::string& certificateFile, const std::string& keyFile) {
     TlsContext context(SSL_CTX_new(TLS_server_method()));
-    if (!context || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
+    if (!context || !ApplyServerTlsPolicy(context.get())) {
         throw StartupError("cannot set up TLS: " + OpenSslReason());
     }
-    // Renegotiation asked for by a client costs the server a handshake each
-    // time; nothing here needs it.
-    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
     // Idle connections by the thousand should not each hold read buffers.
     SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
     if (SSL_CTX_use_certificate_chain_file(context.get(), certificateFile.c_str()) != 1) {

@@ -1,6 +1,6 @@
 // The server side of TLS: a context made from the certificate chain and key,
 // read by the supervisor while it is root; the front inherits the context
-// and never needs to open the key file. TLS 1.2 and later only. Each
+// and never needs to open the key file. The policy is farlink/tls_server.h's. Each
 // accepted connection gets its buffer event from farlink/tls_server.h.
 #pragma once
 

@@ -1,9 +1,12 @@
 #include "process_setup.h"
 
+#include <farlink/file_io.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +15,7 @@
 #include <fstream>
 
 #include "startup_error.h"
+#include "tls.h"
 
 namespace farlink::host {
 
@@ -52,6 +56,51 @@ bool WaitReadable(int fd, Clock::time_point deadline) {
         const int result = poll(&ready, 1, static_cast<int>(left.count()));
         if (result > 0) return true;
         if (result < 0 && errno != EINTR) return false;
+    }
+}
+
+void CheckTlsFiles(const Options& options) {
+    if (options.tlsCertificate.empty()) return;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw StartupError("pipe: " + ErrnoText());
+    UniqueFd reader(ends[0]), writer(ends[1]);
+    const pid_t child = fork();
+    if (child < 0) throw StartupError("fork: " + ErrnoText());
+    if (child == 0) {
+        reader.Reset();
+        try {
+            LoadTlsContext(options.tlsCertificate, options.tlsKey);
+        } catch (const StartupError& error) {
+            (void)WriteAll(writer.Get(), error.what(), std::strlen(error.what()));
+            _exit(EXIT_FAILURE);
+        }
+        _exit(EXIT_SUCCESS);
+    }
+    writer.Reset();
+    std::string reason;
+    char chunk[256];
+    for (ssize_t got; (got = read(reader.Get(), chunk, sizeof chunk)) != 0;) {
+        if (got > 0)
+            reason.append(chunk, static_cast<std::size_t>(got));
+        else if (errno != EINTR)
+            break;
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS) {
+        throw StartupError(reason.empty() ? "cannot check the TLS key" : reason);
+    }
+}
+
+void CloseInheritedDescriptors(std::optional<int> kept) {
+    constexpr unsigned kFirst = 3;
+    if (kept && *kept >= static_cast<int>(kFirst)) {
+        const auto keptFd = static_cast<unsigned>(*kept);
+        if (keptFd > kFirst) close_range(kFirst, keptFd - 1, 0);
+        close_range(keptFd + 1, ~0u, 0);
+    } else {
+        close_range(kFirst, ~0u, 0);
     }
 }
 

@@ -27,7 +27,6 @@
 #include "processes.h"
 #include "service_manager.h"
 #include "startup_error.h"
-#include "tls.h"
 
 namespace farlink::host {
 
@@ -44,6 +43,12 @@ constexpr std::chrono::seconds kWorkerLinger{2};
 // A worker that ends sooner than this after its start is replaced only after
 // the same pause, so that a module that crashes at once cannot make us spin.
 constexpr std::chrono::seconds kRestartPause{1};
+// A front that dies sooner than this after its start is replaced after a
+// pause that doubles with each such death, from the first to the longest;
+// one that lived longer is replaced at once.
+constexpr std::chrono::seconds kYoungFront{1};
+constexpr std::chrono::milliseconds kFirstFrontPause{250};
+constexpr std::chrono::milliseconds kLongestFrontPause{8000};
 
 class Supervisor {
 public:
@@ -57,16 +62,17 @@ public:
           ids_(LookupServiceUser(options.user)),
           listener_(options.listenFd ? AdoptListenSocket(*options.listenFd)
                                      : BindListenSocket(*options.listenAddress)),
-          tls_(options.tlsCertificate.empty()
-                   ? TlsContext()
-                   : LoadTlsContext(options.tlsCertificate, options.tlsKey)),
           pidFile_(options.pidFile),
           signals_(SignalFd()) {}
 
     int Run() {
-        StartFirstWorkers();
+        StartWorkers();
         StartFront();
-        while (frontPid_ > 0) Step();
+        for (;;) {
+            while (frontPid_ > 0) Step();
+            if (stopping_) break;
+            RestartFront();
+        }
         return Finish();
     }
 
@@ -89,10 +95,9 @@ private:
         if (pid < 0) throw StartupError("fork: " + ErrnoText());
         if (pid == 0) {
             // Only the channel goes along: not the listening socket, the
-            // access log, the TLS key or another worker's channel.
+            // access log or another worker's channel.
             if (dup3(theirs.Get(), 3, O_CLOEXEC) < 0) _exit(EXIT_FAILURE);
             close_range(4, ~0u, 0);
-            tls_.reset();
             RunWorker(options_.modulePath, ids_, 3);
         }
         const std::uint32_t id = nextWorkerId_++;
@@ -110,7 +115,7 @@ private:
         return ParseHello(*hello, failure);
     }
 
-    void StartFirstWorkers() {
+    void StartWorkers() {
         for (unsigned i = 0; i < wanted_; ++i) links_.push_back(ForkWorker());
         for (const WorkerLink& link : links_) {
             std::string failure;
@@ -169,7 +174,6 @@ private:
             setup.options = &options_;
             setup.ids = ids_;
             setup.listener = std::move(listener_.fd);
-            setup.tls = std::move(tls_);
             setup.accessLog = std::move(accessLog_);
             setup.auditLog = std::move(auditLog_);
             setup.listenAddress = listener_.address;
@@ -178,13 +182,11 @@ private:
             setup.control = std::move(frontEnd);
             RunFront(std::move(setup));
         }
-        // The front holds these now.
-        listener_.fd.Reset();
-        tls_.reset();
-        accessLog_.Reset();
-        auditLog_.Reset();
+        // The front holds these now. The listening socket and the logs stay
+        // here too, for a front that has to be replaced.
         links_.clear();
         frontEnd.Reset();
+        frontStarted_ = Clock::now();
 
         UniqueFd none;
         if (!WaitReadable(control_.Get(), Clock::now() + kGreetingTimeout)) {
@@ -196,10 +198,43 @@ private:
             KillAll();
             throw StartupError("the front did not start");
         }
+        if (announced_) return;
+        announced_ = true;
         std::printf("farlink-host: listening on %s://%s\n",
                     options_.tlsCertificate.empty() ? "http" : "https", listener_.address.c_str());
         std::fflush(stdout);
         serviceManager_.Ready();
+    }
+
+    // A front that ended without being told to: its connections and sessions
+    // are gone, but the listening socket is still here and its backlog holds
+    // new clients while a fresh front with fresh workers takes over.
+    void RestartFront() {
+        const bool young = Clock::now() - frontStarted_ < kYoungFront;
+        frontPause_ = young
+                          ? std::clamp(frontPause_ * 2, std::chrono::milliseconds(kFirstFrontPause),
+                                       std::chrono::milliseconds(kLongestFrontPause))
+                          : std::chrono::milliseconds(0);
+        std::fprintf(stderr, "farlink-host: the front ended (%s); starting a new one in %lld ms\n",
+                     DescribeEnd(frontStatus_).c_str(),
+                     static_cast<long long>(frontPause_.count()));
+        frontStatus_ = 0;
+        control_.Reset();
+        KillAll();
+        restartDue_.reset();
+        const Clock::time_point due = Clock::now() + frontPause_;
+        while (!stopping_ && WaitReadable(signals_.Get(), due)) TakeSignal();
+        if (stopping_) return;
+        try {
+            wanted_ = options_.minWorkers;  // the new front asks for more as it needs them
+            StartWorkers();
+            StartFront();
+        } catch (const StartupError& error) {
+            std::fprintf(stderr, "farlink-host: cannot start a new front: %s\n", error.what());
+            KillAll();
+            links_.clear();
+            frontStarted_ = Clock::now();
+        }
     }
 
     // --- the loop -------------------------------------------------------------
@@ -239,24 +274,28 @@ private:
             serviceManager_.Stopping();
             stopping_ = true;
             stopDeadline_ = Clock::now() + kStopTimeout;
-            kill(frontPid_, SIGTERM);
+            if (frontPid_ > 0) kill(frontPid_, SIGTERM);
         }
     }
 
     // For log rotation: the supervisor opened the logs while root and opens
     // them again; the front, which cannot, switches to the new descriptors.
     void ReopenLogs() {
-        ReopenLog(options_.accessLogPath, "access log", ControlKind::kAccessLogReopened);
-        ReopenLog(options_.auditLogPath, "audit log", ControlKind::kAuditLogReopened);
+        ReopenLog(options_.accessLogPath, "access log", ControlKind::kAccessLogReopened,
+                  accessLog_);
+        ReopenLog(options_.auditLogPath, "audit log", ControlKind::kAuditLogReopened, auditLog_);
     }
 
-    void ReopenLog(const std::string& path, const std::string& what, ControlKind kind) {
-        if (path.empty() || !control_) return;
+    // Kept here as well, for a front that has to be replaced.
+    void ReopenLog(const std::string& path, const std::string& what, ControlKind kind,
+                   UniqueFd& kept) {
+        if (path.empty()) return;
         try {
-            const UniqueFd log = OpenLogForAppend(path, what);
+            kept = OpenLogForAppend(path, what);
+            if (!control_) return;
             ControlMessage reopened;
             reopened.kind = kind;
-            (void)SendControl(control_.Get(), reopened, log.Get());  // a lost front is reaped
+            (void)SendControl(control_.Get(), reopened, kept.Get());  // a lost front is reaped
         } catch (const StartupError& error) {
             std::fprintf(stderr, "farlink-host: %s; writing on to the old file\n", error.what());
         }
@@ -301,7 +340,10 @@ private:
             }
             for (auto it = workers_.begin(); it != workers_.end(); ++it) {
                 if (it->second.pid != pid) continue;
-                const bool quick = Clock::now() - it->second.started < kRestartPause;
+                // One that ends by itself, with exit 0, is done; one that
+                // fails soon after its start waits.
+                const bool quick = Clock::now() - it->second.started < kRestartPause &&
+                                   !(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
                 ControlMessage exited;
                 exited.kind = ControlKind::kWorkerExited;
                 exited.worker = it->first;
@@ -329,11 +371,7 @@ private:
     }
 
     int Finish() {
-        const bool orderly = stopping_ && WIFEXITED(frontStatus_) && WEXITSTATUS(frontStatus_) == 0;
-        if (!stopping_) {
-            std::fprintf(stderr, "farlink-host: the front ended (%s); stopping\n",
-                         DescribeEnd(frontStatus_).c_str());
-        }
+        const bool orderly = WIFEXITED(frontStatus_) && WEXITSTATUS(frontStatus_) == 0;
         control_.Reset();
         const Clock::time_point deadline = Clock::now() + kWorkerLinger;
         while (!workers_.empty() && WaitReadable(signals_.Get(), deadline)) TakeSignal();
@@ -348,7 +386,6 @@ private:
     UniqueFd auditLog_;
     ServiceIds ids_;
     ListenSocket listener_;
-    TlsContext tls_;  // read while root; the front takes it, nobody else keeps it
     PidFile pidFile_;
     UniqueFd signals_;
     UniqueFd control_;
@@ -362,6 +399,9 @@ private:
     std::uint32_t wanted_ = options_.minWorkers;
     pid_t frontPid_ = 0;
     int frontStatus_ = 0;
+    Clock::time_point frontStarted_;
+    std::chrono::milliseconds frontPause_{0};
+    bool announced_ = false;
     bool stopping_ = false;
     Clock::time_point stopDeadline_;
     std::optional<Clock::time_point> restartDue_;
@@ -371,7 +411,9 @@ private:
 
 int Supervise(const Options& given) {
     RequireRoot();
+    CloseInheritedDescriptors(given.listenFd);
     const Options options = WithConnectionCap(given);
+    CheckTlsFiles(options);
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_NAME, "farlink-host");
     Supervisor supervisor(options);

@@ -10,6 +10,7 @@
 #include "channel.h"
 #include "module_loader.h"
 #include "processes.h"
+#include "secrets.h"
 
 namespace farlink::host {
 
@@ -92,6 +93,9 @@ void RunWorker(const std::string& modulePath, const ServiceIds& ids, int channel
     SetUpSignals();
     prctl(PR_SET_NAME, "farlink-worker");
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // The module's programs run with the rights the worker gives them; none
+    // gains more from a set-user-id file.
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
 
     std::optional<LoadedModule> module;
     try {
@@ -107,6 +111,7 @@ void RunWorker(const std::string& modulePath, const ServiceIds& ids, int channel
     while (std::optional<Json::Value> message = requests.Next()) {
         const std::string frame = AnswerFrame(Answer(*module, ids, *message));
         if (!WriteAll(channel, frame.data(), frame.size())) break;
+        if (HoldsSecret(*message)) Exit(EXIT_SUCCESS);  // a fresh worker takes over
     }
     Exit(EXIT_SUCCESS);
 }

@@ -32,7 +32,8 @@ struct Front final : HostState {
     HostMetrics metrics{rows};
     AuditLog audit{farlink::UniqueFd()};
     HostNames names{"127.0.0.1", {"nas.example.test"}};
-    ApiService service{table, sessions, throttle, "fuzz-password"};
+    std::string password = "fuzz-password";
+    ApiService service{table, sessions, throttle, HashPassword(password)};
     Router router{service, log, false, {metrics, audit, names, *this}};
     Session session = sessions.Create().value_or(Session{});
 };

@@ -1,8 +1,10 @@
 // What an operator reads of a running host: its health, its metrics and its
 // audit log; and the names and sites it refuses to answer.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -152,6 +154,59 @@ TEST(HostOperations, ForeignNamesAndOtherSitesGetNothing) {
                   .json["success"],
               true);
     EXPECT_EQ(call({"Host: localhost"}).json["success"], true);
+}
+
+// Sends `bytes` from `source` and reads until the host closes (or 2 s pass).
+std::string SendRaw(const std::string& source, int port, const std::string& bytes) {
+    const int fd = ConnectFrom(source, port);
+    if (fd < 0) return "no connection";
+    fcntl(fd, F_SETFL, 0);
+    const timeval wait{2, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    std::string answer;
+    if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+        char chunk[4096];
+        for (ssize_t got; (got = recv(fd, chunk, sizeof chunk, 0)) > 0;) answer.append(chunk, got);
+    }
+    close(fd);
+    return answer;
+}
+
+// A PROXY header (version 2) naming 203.0.113.7:4000 as the client.
+std::string ProxyHeader(char command = 0x21) {
+    const char header[] = "\r\n\r\n\0\r\nQUIT\n";
+    std::string bytes(header, 12);
+    bytes += {command, 0x11, 0x00, 0x0C};
+    bytes += {char(203), 0, 113, 7, 127, 0, 0, 1, 0x0F, char(0xA0), 0x01, char(0xBB)};
+    return bytes;
+}
+
+// A forwarder or reverse proxy in front of the host names each client; no
+// one else may, and a header that is not one closes the connection.
+TEST(HostOperations, ProxiesNamedByOptionTellTheClientOthersCannot) {
+    const std::string log = TempPath("access");
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--proxy-from", "127.0.0.2", "--access-log", log}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const int port = PortOf(host.BaseUrl());
+    const std::string health =
+        "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+
+    EXPECT_NE(SendRaw("127.0.0.2", port, ProxyHeader() + health).find("200 OK"), std::string::npos);
+    EXPECT_NE(ReadWhole(log).find(" 203.0.113.7:4000 GET /health 200 "), std::string::npos)
+        << ReadWhole(log);
+    EXPECT_NE(SendRaw("127.0.0.2", port, ProxyHeader(0x20) + health).find("200 OK"),
+              std::string::npos)
+        << "a proxy's own check (LOCAL) is served as the proxy";
+    EXPECT_EQ(SendRaw("127.0.0.2", port, ProxyHeader(0x22) + health), "") << "malformed";
+    EXPECT_EQ(SendRaw("127.0.0.2", port, health), "") << "a proxy's connection without a header";
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(SendRaw("127.0.0.3", port, ProxyHeader() + health), "");
+    EXPECT_NE(SendRaw("127.0.0.3", port, health).find("200 OK"), std::string::npos);
+    EXPECT_EQ(host.Finish(SIGTERM), 0);
+    const std::string stderrText = host.StderrText();
+    const std::string refused = "refused a PROXY header from 127.0.0.3";
+    EXPECT_NE(stderrText.find(refused), std::string::npos) << stderrText;
+    EXPECT_EQ(stderrText.find(refused), stderrText.rfind(refused)) << "logged once";
+    std::remove(log.c_str());
 }
 
 }  // namespace

@@ -1,17 +1,22 @@
 // farlink-host as a process: what it refuses to start with, the ids it
 // serves with, and how it stops.
 #include <farlink/unique_fd.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -82,22 +87,40 @@ TEST(HostStartup, RefusesToStartWithoutRoot) {
 // service user's effective ids and takes back a handler's left-over root.
 TEST(HostPrivileges, FrontCannotBeRootWorkersKeepOnlySavedRootAndLeftOverRootIsRestored) {
     const std::string log = TempPath("access");
+    int launcherPipe[2];
+    ASSERT_EQ(pipe(launcherPipe), 0);  // inherited, as a launcher might leave it
+    struct stat pipeInfo {};
+    fstat(launcherPipe[1], &pipeInfo);
+    const std::string pipeName = "pipe:[" + std::to_string(pipeInfo.st_ino) + "]";
     HostProcess host(
         Serving(TEST_MODULE_PATH, {"--access-log", log, "--workers", "2", "--min-workers", "2"}));
+    close(launcherPipe[0]);
+    close(launcherPipe[1]);
     ASSERT_TRUE(host.WaitListening()) << host.StderrText();
     EXPECT_EQ(ProcStatus(host.Pid(), "Uid:"), "0 0 0 0");
+    for (pid_t process : ChildrenNamed(host.Pid(), "farlink-front")) {
+        for (const auto& fd :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+            std::error_code ignored;
+            EXPECT_NE(std::filesystem::read_symlink(fd.path(), ignored).string(), pipeName)
+                << "the front kept an inherited descriptor";
+        }
+    }
     const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
     ASSERT_EQ(fronts.size(), 1u);
     EXPECT_EQ(ProcStatus(fronts[0], "Uid:"), "65534 65534 65534 65534");
     EXPECT_EQ(ProcStatus(fronts[0], "Gid:"), "65534 65534 65534 65534");
     EXPECT_EQ(ProcStatus(fronts[0], "Groups:"), "65534");
     EXPECT_EQ(ProcStatus(fronts[0], "CapPrm:"), "0000000000000000");
+    EXPECT_EQ(ProcStatus(fronts[0], "CapBnd:"), "0000000000000000");
+    EXPECT_EQ(ProcStatus(fronts[0], "NoNewPrivs:"), "1");
     const std::vector<pid_t> workers = ChildrenNamed(host.Pid(), "farlink-worker");
     ASSERT_EQ(workers.size(), 2u);
     for (pid_t worker : workers) {
         EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 65534 0 65534");
         EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 65534 0 65534");
         EXPECT_EQ(ProcStatus(worker, "Groups:"), "65534");
+        EXPECT_EQ(ProcStatus(worker, "NoNewPrivs:"), "1");
     }
 
     HttpResult leak = LoggedInCall(host, "leak_root");
@@ -151,6 +174,38 @@ TEST(HostIsolation, CrashesAndHangsAnswerTheirCodesAndWorkersAreReplaced) {
     EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
     for (pid_t child : children) EXPECT_NE(kill(child, 0), 0) << "worker " << child << " left";
     unlink(log.c_str());
+}
+
+// A front that dies is replaced on the same socket: clients get answers
+// again within a second (they log in again), and nothing is left over.
+TEST(HostIsolation, AKilledFrontIsReplacedUnderLoadAndLeavesNoProcessBehind) {
+    HostProcess host(Serving(TEST_MODULE_PATH, {"--workers", "2"}));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    std::atomic<bool> done{false};
+    auto load = std::async(std::launch::async, [&] {
+        while (!done) LoggedInCall(host, "succeed_empty");
+    });
+    std::set<pid_t> seen;
+    for (int kill = 0; kill < 10; ++kill) {
+        const std::vector<pid_t> fronts = ChildrenNamed(host.Pid(), "farlink-front");
+        ASSERT_EQ(fronts.size(), 1u) << kill;
+        for (pid_t worker : ChildrenNamed(host.Pid(), "farlink-worker")) seen.insert(worker);
+        seen.insert(fronts[0]);
+        ::kill(fronts[0], SIGKILL);
+        const auto killed = std::chrono::steady_clock::now();
+        ASSERT_TRUE(WaitUntil([&] {
+            return LoggedInCall(host, "succeed_empty").json["success"] == true;
+        })) << kill;
+        EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(1)) << kill;
+        std::this_thread::sleep_for(std::chrono::seconds(1));  // past a young front's pause
+    }
+    done = true;
+    load.get();
+    for (int call = 0; call < 50; ++call) {
+        ASSERT_EQ(LoggedInCall(host, "succeed_empty").json["success"], true) << call;
+    }
+    EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
+    for (pid_t child : seen) EXPECT_NE(kill(child, 0), 0) << "process " << child << " left";
 }
 
 // Methods named like writes never overlap, whichever worker runs them; a
@@ -264,6 +319,28 @@ TEST(HostShutdown, SigtermFinishesTheSlowRequestInFlightThenExitsZero) {
     EXPECT_NE(access(pidFile.c_str(), F_OK), 0) << "pid file left behind";
     EXPECT_EQ(Fetch("GET", host.BaseUrl() + "/webapi/auth.cgi").status, 0) << "still accepting";
     unlink(started.c_str());
+}
+
+// A client that pipelines many requests, reads a little and resets leaves
+// nothing the stop would wait for.
+TEST(HostShutdown, AClientThatResetsMidAnswersDoesNotHoldTheStop) {
+    HostProcess host(Serving(TEST_MODULE_PATH));
+    ASSERT_TRUE(host.WaitListening()) << host.StderrText();
+    const int client = ConnectFrom("127.0.0.1", PortOf(host.BaseUrl()));
+    ASSERT_GE(client, 0);
+    fcntl(client, F_SETFL, 0);
+    std::string requests;
+    for (int i = 0; i < 2000; ++i) requests += "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    ASSERT_EQ(send(client, requests.data(), requests.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(requests.size()));
+    char some[1000];
+    ASSERT_GT(recv(client, some, sizeof some, MSG_WAITALL), 0);
+    const linger reset{1, 0};
+    setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    close(client);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(host.Finish(SIGTERM), 0) << host.StderrText();
+    EXPECT_EQ(host.StderrText().find("still running"), std::string::npos);
 }
 
 }  // namespace

@@ -1,10 +1,14 @@
 // The host's security rules on their own, with a clock the test moves:
 // when sessions end, how failed logins are throttled, and which headers
 // every answer carries.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "login_throttle.h"
 #include "reply_headers.h"
+#include "sandbox.h"
 #include "sessions.h"
 
 namespace farlink::host {
@@ -61,7 +65,7 @@ TEST(HostSessions, EndAtIdleTimeLifetimeLogoutAndLeastRecentlyUsedAtTheCap) {
     EXPECT_TRUE(store.TokenOf(c.id));
 }
 
-TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsThenLockoutPerAddress) {
+TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsUpToTheLongestPerGroup) {
     FakeClock clock;
     LoginThrottle throttle({}, clock.Source());
     const ThrottlePolicy policy;
@@ -69,31 +73,59 @@ TEST(HostLoginThrottle, FreeFailuresThenGrowingWaitsThenLockoutPerAddress) {
         throttle.Failed("10.0.0.1");
         EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0)) << "failure " << i;
     }
-    // From here each failure doubles the wait, until the lockout.
+    // From here each failure doubles the wait, up to the longest.
     seconds expected(1);
-    for (int i = policy.freeFailures; i < policy.lockoutFailures; ++i, expected *= 2) {
+    for (int i = policy.freeFailures; i < policy.freeFailures + 8; ++i) {
         throttle.Failed("10.0.0.1");
         EXPECT_EQ(throttle.Wait("10.0.0.1"), expected) << "failure " << i;
+        EXPECT_EQ(throttle.Wait("::ffff:10.0.0.1"), expected) << "the same address";
         clock.now += expected;
         EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
+        expected = std::min(expected * 2, policy.maxDelay);
     }
     throttle.Failed("10.0.0.1");
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.lockout);
     EXPECT_EQ(throttle.Wait("10.0.0.2"), seconds(0)) << "another address is not affected";
     clock.now += std::chrono::milliseconds(1500);
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.lockout - seconds(1)) << "rounded up";
+    EXPECT_EQ(throttle.Wait("10.0.0.1"), policy.maxDelay - seconds(1)) << "rounded up";
 
-    // Once the lockout is over the address starts afresh.
-    clock.now += policy.lockout;
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
-    throttle.Failed("10.0.0.1");
-    EXPECT_EQ(throttle.Wait("10.0.0.1"), seconds(0));
+    // An IPv6 client's whole /64 is one group.
+    for (int i = 0; i < policy.freeFailures; ++i)
+        throttle.Failed("2001:db8:0:1::" + std::to_string(i));
+    EXPECT_GT(throttle.Wait("2001:db8:0:1:ffff::9"), seconds(0));
+    EXPECT_EQ(throttle.Wait("2001:db8:0:2::1"), seconds(0));
 
-    // A success clears the address.
-    for (int i = 0; i < policy.freeFailures; ++i) throttle.Failed("10.0.0.3");
-    EXPECT_GT(throttle.Wait("10.0.0.3"), seconds(0));
-    throttle.Succeeded("10.0.0.3");
-    EXPECT_EQ(throttle.Wait("10.0.0.3"), seconds(0));
+    // A success clears the group.
+    throttle.Succeeded("2001:db8:0:1::77");
+    EXPECT_EQ(throttle.Wait("2001:db8:0:1::"), seconds(0));
+}
+
+// An hour of guessing as fast as the throttle lets, from one group and from
+// a thousand, while the administrator logs in from elsewhere now and then.
+TEST(HostLoginThrottle, GuessesAreBoundedPerGroupAndInTotalAndNeverHoldAnotherClient) {
+    FakeClock clock;
+    LoginThrottle throttle({}, clock.Source());
+    const auto guessFor = [&](seconds span, int groups) {
+        std::vector<std::string> addresses;
+        for (int g = 0; g < groups; ++g)
+            addresses.push_back("10.1." + std::to_string(g / 250) + "." + std::to_string(g % 250));
+        int checked = 0;
+        for (const auto end = clock.now + span; clock.now < end; clock.now += seconds(1)) {
+            for (const std::string& address : addresses) {
+                if (throttle.Wait(address) > seconds(0)) continue;
+                throttle.Failed(address);
+                ++checked;
+            }
+            if (clock.now.time_since_epoch() % seconds(60) == seconds(0)) {
+                EXPECT_EQ(throttle.Wait("192.0.2.7"), seconds(0)) << "the administrator";
+            }
+        }
+        return checked;
+    };
+    const int oneGroup = guessFor(seconds(3600), 1);
+    EXPECT_GE(oneGroup, 90);
+    EXPECT_LE(oneGroup, 115);
+    const int manyGroups = guessFor(seconds(3600), 1000);
+    EXPECT_LE(manyGroups, 1100 + 1000) << "the budget's pace plus a first guess per group";
 }
 
 TEST(HostLoginThrottle, ForgetsTheQuietestAddressAtItsCap) {
@@ -128,6 +160,48 @@ TEST(HostReplyHeaders, ThePolicyFollowsTheContentType) {
         EXPECT_NE(policyOf(type).find("script-src 'self'"), std::string::npos) << type;
         EXPECT_NE(policyOf(type).find("frame-ancestors 'none'"), std::string::npos) << type;
     }
+}
+
+// How a child ends that confines itself with `confine` and then does `act`:
+// its signal, 0 for a normal end, -1 when there is nothing to confine with.
+int ConfinedEnd(bool (*confine)(), void (*act)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!confine()) _exit(77);
+        act();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status)         ? WTERMSIG(status)
+           : WEXITSTATUS(status) == 77 ? -1
+                                       : WEXITSTATUS(status);
+}
+
+TEST(HostFrontSandbox, ReadingAndServingGoOnAnythingElseEndsTheProcess) {
+    const int served = ConfinedEnd(ConfineSystemCalls, [] {
+        char byte;
+        const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || read(fd, &byte, 1) != 1 || write(STDOUT_FILENO, "", 0) != 0) _exit(1);
+    });
+    if (served == -1) GTEST_SKIP() << "no system call filter in a sanitizer build";
+    EXPECT_EQ(served, 0);
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls, [] { execl("/bin/true", "true", nullptr); }), SIGSYS);
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls,
+                          [] { open("/tmp/farlink-sandbox-test", O_WRONLY | O_CREAT, 0600); }),
+              SIGSYS);
+    EXPECT_EQ(ConfinedEnd(ConfineSystemCalls, [] { kill(getppid(), 0); }), SIGSYS);
+}
+
+TEST(HostFrontSandbox, FilesAreReadOnlyBeneathTheGivenRoot) {
+    const auto confine = [] { return ConfineFiles("/usr/include"); };
+    const int ended = ConfinedEnd(confine, [] {
+        const int inside = open("/usr/include/stdio.h", O_RDONLY | O_CLOEXEC);
+        const int outside = open("/etc/passwd", O_RDONLY | O_CLOEXEC);
+        _exit(inside >= 0 && outside < 0 && errno == EACCES ? 0 : 1);
+    });
+    if (ended == -1) GTEST_SKIP() << "no Landlock here, or a sanitizer build";
+    EXPECT_EQ(ended, 0);
 }
 
 }  // namespace

@@ -2,13 +2,18 @@
 // farlink-host: anti-forgery tokens, POST-only and throttled logins, sessions
 // that end, the headers on every answer, and TLS.
 #include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "host_harness.h"
+#include "test_processes.h"
 
 namespace farlink::host::test {
 namespace {
@@ -118,6 +123,14 @@ TEST_F(HostWebSecurity, LoginIsAPostThrottledPerAddressAndLoggedWithoutThePasswo
     EXPECT_EQ(refused, 45);
     EXPECT_EQ(retryAfter, "1");
     EXPECT_EQ(ErrorCode(LoginFrom("127.0.0.2", kPassword)), 115) << "the address must wait";
+    // Guesses a foreign page posts through the administrator's browser are
+    // refused before they count.
+    for (int i = 0; i < 20; ++i) {
+        HttpRequest foreign = LoginRequest(host_->BaseUrl(), "guess");
+        foreign.sourceAddress = "127.0.0.3";
+        foreign.headers = {i % 2 ? "Origin: https://evil.test" : "Sec-Fetch-Site: cross-site"};
+        EXPECT_EQ(ErrorCode(Fetch(foreign)), 117) << foreign.headers[0];
+    }
     EXPECT_EQ(LoginFrom("127.0.0.3", kPassword).json["success"], true) << "others need not";
 
     // A flood from many addresses is answered throughout, and leaves the
@@ -137,6 +150,37 @@ TEST_F(HostWebSecurity, LoginIsAPostThrottledPerAddressAndLoggedWithoutThePasswo
     EXPECT_NE(written.find("POST /webapi/auth.cgi 200 - error=400 "), std::string::npos);
     EXPECT_NE(written.find("POST /webapi/auth.cgi 429 - error=115 "), std::string::npos);
     EXPECT_NE(written.find("GET /webapi/auth.cgi 405 - error=113 "), std::string::npos);
+}
+
+// A copy of a process's memory tells neither the admin password nor a
+// password a call carried, once the call is over.
+TEST_F(HostWebSecurity, NoProcessKeepsAPassword) {
+    Start({"--workers", "2", "--min-workers", "2"});
+    const auto processes = [&] {
+        std::vector<pid_t> all = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+        all.push_back(host_->Pid());
+        all.push_back(farlink_test::ChildrenNamed(host_->Pid(), "farlink-front").at(0));
+        return all;
+    };
+    for (pid_t process : processes()) EXPECT_EQ(CountInMemory(process, kPassword), 0) << process;
+    const std::vector<pid_t> workers = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+    const Session session = LogIn();
+    const std::string secret = "alias-secret-8d1f0c";
+    HttpRequest call =
+        InSession(session, "POST", Url("/webapi/entry.cgi"), "application/x-www-form-urlencoded",
+                  "api=Test.Host&version=1&method=succeed_empty&kivo_password=" + secret);
+    EXPECT_EQ(Fetch(call).json["success"], true);
+    // The worker that ran the call ends by itself, after its answer.
+    EXPECT_TRUE(WaitUntil([&] {
+        std::vector<pid_t> now = farlink_test::ChildrenNamed(host_->Pid(), "farlink-worker");
+        return now.size() == 2 && now != workers;
+    }));
+    for (pid_t process : processes()) {
+        EXPECT_EQ(CountInMemory(process, kPassword), 0)
+            << ReadFile("/proc/" + std::to_string(process) + "/comm");
+        EXPECT_EQ(CountInMemory(process, secret), 0)
+            << ReadFile("/proc/" + std::to_string(process) + "/comm");
+    }
 }
 
 TEST_F(HostWebSecurity, SessionsEndAtLogoutAndWhenIdle) {
@@ -211,6 +255,20 @@ private:
     bool made_ = false;
 };
 
+// The private scalar of an EC key file, as its 32 bytes; "" if unreadable.
+std::string PrivateScalar(const std::string& keyFile) {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(keyFile.c_str(), "r"), std::fclose);
+    if (!file) return "";
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
+        PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    BIGNUM* number = nullptr;
+    if (!key || EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &number) != 1) return "";
+    std::string bytes(32, '\0');
+    BN_bn2binpad(number, reinterpret_cast<unsigned char*>(bytes.data()), 32);
+    BN_clear_free(number);
+    return bytes;
+}
+
 TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     const TestCa ca;
     ASSERT_TRUE(ca.Made());
@@ -231,6 +289,11 @@ TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     EXPECT_EQ(answer.json["data"]["sid"].asString().size(), 32u) << answer.error;
     EXPECT_NE(answer.setCookie.find("; Secure"), std::string::npos) << answer.setCookie;
 
+    const std::string tls12 = "openssl s_client -connect 127.0.0.1:" + std::to_string(port) +
+                              " -tls1_2 </dev/null >/dev/null 2>&1 -cipher ";
+    EXPECT_NE(std::system((tls12 + "ECDHE-ECDSA-AES128-SHA").c_str()), 0) << "CBC accepted";
+    EXPECT_EQ(std::system((tls12 + "ECDHE-ECDSA-AES128-GCM-SHA256").c_str()), 0);
+
     login.caFile.clear();
     EXPECT_EQ(Fetch(login).status, 0) << "trusted without the CA";
     // Plain HTTP to the TLS port gets no answer but a closed connection.
@@ -242,6 +305,16 @@ TEST(HostTls, ServesHttpsToClientsOfItsCaAndClosesAnythingElse) {
     close(stalled);
     login.caFile = ca.Path("ca.pem");
     EXPECT_EQ(Fetch(login).json["success"], true) << "still serving";
+
+    // The key's private scalar is in the front's memory and nowhere else.
+    const std::string scalar = PrivateScalar(ca.Path("host.key"));
+    ASSERT_FALSE(scalar.empty());
+    EXPECT_GT(CountInMemory(farlink_test::ChildrenNamed(host.Pid(), "farlink-front").at(0), scalar),
+              0);
+    EXPECT_EQ(CountInMemory(host.Pid(), scalar), 0) << "in the supervisor";
+    for (pid_t worker : farlink_test::ChildrenNamed(host.Pid(), "farlink-worker")) {
+        EXPECT_EQ(CountInMemory(worker, scalar), 0) << "in worker " << worker;
+    }
 }
 
 }  // namespace

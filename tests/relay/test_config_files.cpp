@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 #include <orvo/relayd.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
+#include <csignal>
+#include <random>
 #include <thread>
 
 #include "relay_test_support.h"
@@ -141,6 +144,27 @@ TEST_F(AtomicWrite, ConcurrentReaderNeverSeesATornFile) {
     }
     writer.join();
     EXPECT_GT(reads, 0);
+}
+
+TEST_F(AtomicWrite, WritersKilledAtAnyPointLeaveAWholeFileAndNoTemporary) {
+    const std::string small = R"({"a": 1})";
+    const std::string large = "{\"b\": \"" + std::string(64 * 1024, 'x') + "\"}";
+    ASSERT_TRUE(WriteFileAtomically(path, small, 0644));
+    std::mt19937 random(std::random_device{}());
+    for (int kill = 0; kill < 100; ++kill) {
+        const pid_t writer = fork();
+        ASSERT_GE(writer, 0);
+        if (writer == 0) {
+            for (int i = 0;; ++i) WriteFileAtomically(path, i % 2 ? small : large, 0644);
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        ::kill(writer, SIGKILL);
+        ASSERT_EQ(waitpid(writer, nullptr, 0), writer);
+        const std::string seen = ReadFile(path);
+        ASSERT_TRUE(seen == small || seen == large) << "torn file of " << seen.size() << " bytes";
+    }
+    ASSERT_TRUE(WriteFileAtomically(path, small, 0644));
+    EXPECT_EQ(dir.Entries(), std::vector<std::string>{"file.json"});
 }
 
 }  // namespace

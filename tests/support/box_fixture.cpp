@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "test_files.h"
 #include "test_http.h"
 #include "test_processes.h"
 
@@ -74,18 +75,27 @@ void PostControl(const std::string& path, const Json::Value& body) {
 }
 
 // The workers keep root only as their real and saved ids; the front has
-// none left.
+// none left. A worker that ran a call with a password ends after it, and
+// its replacement loads the module as root first: it is given a moment.
 void ExpectHostIdsDropped() {
     const passwd* user = getpwnam(Env("FARLINK_BOX_SERVICE_USER").c_str());
     ASSERT_NE(user, nullptr) << "no service user in the box";
     const pid_t host = HostPid();
     // Real, effective, saved and file-system ids.
     const std::string uid = std::to_string(user->pw_uid), gid = std::to_string(user->pw_gid);
-    const std::vector<pid_t> workers = ChildrenNamed(host, "farlink-worker");
+    std::vector<pid_t> workers;
+    WaitUntil([&] { return !(workers = ChildrenNamed(host, "farlink-worker")).empty(); });
     EXPECT_FALSE(workers.empty()) << "no workers under host " << host;
     for (pid_t worker : workers) {
-        EXPECT_EQ(ProcStatus(worker, "Uid:"), "0 " + uid + " 0 " + uid) << "worker " << worker;
-        EXPECT_EQ(ProcStatus(worker, "Gid:"), "0 " + gid + " 0 " + gid) << "worker " << worker;
+        std::string uids, gids;
+        WaitUntil([&] {
+            uids = ProcStatus(worker, "Uid:");
+            gids = ProcStatus(worker, "Gid:");
+            return uids.rfind("0 0 ", 0) != 0 && gids.rfind("0 0 ", 0) != 0;
+        });
+        if (uids.empty() || gids.empty()) continue;  // it ended meanwhile
+        EXPECT_EQ(uids, "0 " + uid + " 0 " + uid) << "worker " << worker;
+        EXPECT_EQ(gids, "0 " + gid + " 0 " + gid) << "worker " << worker;
     }
     for (pid_t front : ChildrenNamed(host, "farlink-front"))
         EXPECT_EQ(ProcStatus(front, "Uid:"), uid + " " + uid + " " + uid + " " + uid)
