@@ -11,6 +11,7 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
+#include <farlink/event_handles.h>
 #include <farlink/proxy_header.h>
 #include <signal.h>
 
@@ -29,16 +30,9 @@ namespace {
 using farlink::box::ParseSocketAddress;
 using farlink::box::SocketAddress;
 
-struct EventBaseFree {
-    void operator()(event_base* base) const { event_base_free(base); }
-};
-struct ListenerFree {
-    void operator()(evconnlistener* listener) const { evconnlistener_free(listener); }
-};
-struct BuffereventFree {
-    void operator()(bufferevent* event) const { bufferevent_free(event); }
-};
-using BuffereventPtr = std::unique_ptr<bufferevent, BuffereventFree>;
+using farlink::EventBasePtr;
+using farlink::FreeWith;
+using BuffereventPtr = std::unique_ptr<bufferevent, FreeWith<bufferevent, bufferevent_free>>;
 
 class Forwarder;
 
@@ -176,9 +170,9 @@ int main(int argc, char** argv) {
     const int listenFd = std::atoi(argv[2]);
     // Handed over blocking; the listener must never block the loop in accept.
     evutil_make_socket_nonblocking(listenFd);
-    std::unique_ptr<event_base, EventBaseFree> base(event_base_new());
+    EventBasePtr base(event_base_new());
     Forwarder forwarder(base.get(), *target, proxyFrom);
-    std::unique_ptr<evconnlistener, ListenerFree> listener(
+    std::unique_ptr<evconnlistener, FreeWith<evconnlistener, evconnlistener_free>> listener(
         evconnlistener_new(base.get(), Forwarder::OnAccept, &forwarder,
                            LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, listenFd));
     if (!listener) {

@@ -25,6 +25,7 @@
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/listener.h>
+#include <farlink/event_handles.h>
 #include <farlink/unique_fd.h>
 #include <openssl/ssl.h>
 
@@ -37,8 +38,6 @@
 #include <set>
 #include <string>
 #include <unordered_map>
-
-#include "event_handles.h"
 
 namespace farlink::host {
 

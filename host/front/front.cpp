@@ -6,6 +6,7 @@
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/keyvalq_struct.h>
+#include <farlink/event_handles.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -23,7 +24,6 @@
 #include "channel.h"
 #include "connection_guard.h"
 #include "control.h"
-#include "event_handles.h"
 #include "event_time.h"
 #include "http_engine.h"
 #include "login_throttle.h"

@@ -8,6 +8,7 @@
 
 #include <event2/event.h>
 #include <event2/http.h>
+#include <farlink/event_handles.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -19,7 +20,6 @@
 #include <string>
 
 #include "audit_log.h"
-#include "event_handles.h"
 #include "http_exchange.h"
 #include "metrics.h"
 #include "options.h"

@@ -115,7 +115,7 @@ void CheckRequired(const Options& options) {
 
 using Setter = std::function<void(const std::string& option, const std::string& value)>;
 
-struct OptionSpec {
+struct OptionEntry {
     const char* name;
     const char* value;  // what the value is, for the usage text
     const char* help;
@@ -124,7 +124,7 @@ struct OptionSpec {
 
 // Every option, with what --help says of it: one list, so that the usage
 // text names exactly the options the parser takes.
-std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords) {
+std::vector<OptionEntry> OptionTable(Options& options, PasswordSources& passwords) {
     return {
         {"--module", "PATH", "the module to load (required)",
          [&](auto&, auto& v) { options.modulePath = v; }},
@@ -206,7 +206,7 @@ std::vector<OptionSpec> OptionTable(Options& options, PasswordSources& passwords
 Options ParseOptions(std::vector<std::string>& args) {
     Options options;
     PasswordSources passwords;
-    const std::vector<OptionSpec> table = OptionTable(options, passwords);
+    const std::vector<OptionEntry> table = OptionTable(options, passwords);
 
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string option = args[i];
@@ -216,14 +216,14 @@ Options ParseOptions(std::vector<std::string>& args) {
             value = option.substr(equals + 1);
             option.resize(equals);
         }
-        auto spec = std::find_if(table.begin(), table.end(),
-                                 [&](const OptionSpec& row) { return option == row.name; });
-        if (spec == table.end()) throw StartupError("unknown option '" + option + "'");
+        auto row = std::find_if(table.begin(), table.end(),
+                                [&](const OptionEntry& entry) { return option == entry.name; });
+        if (row == table.end()) throw StartupError("unknown option '" + option + "'");
         if (!value) {
             if (i + 1 == args.size()) throw StartupError(option + " needs a value");
             value = args[++i];
         }
-        spec->set(option, *value);
+        row->set(option, *value);
         Wipe(*value);
         Wipe(option);
     }
@@ -245,8 +245,8 @@ std::string UsageText() {
         text +=
             "  " + left + std::string(left.size() < 34 ? 34 - left.size() : 1, ' ') + help + "\n";
     };
-    for (const OptionSpec& spec : OptionTable(unused, unusedPasswords)) {
-        row(std::string(spec.name) + " " + spec.value, spec.help);
+    for (const OptionEntry& entry : OptionTable(unused, unusedPasswords)) {
+        row(std::string(entry.name) + " " + entry.value, entry.help);
     }
     row("--help", "print this and exit");
     return text + "See farlink-host(8).\n";
